@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# Runs every test of vxbrd on a fresh Debian machine, as root: installs what is
+# missing, builds, runs the unit tests, the end-to-end tests in network
+# namespaces, the sanitizer builds, the fuzzers for a bounded time, and the
+# FreeBSD cross build. Exits non-zero on the first failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+jobs=2
+fuzz_seconds=${VXBRD_FUZZ_SECONDS:-60}
+
+step() { printf '\n==> %s\n' "$*"; }
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "scripts/test.sh: the end-to-end tests create network namespaces and tap devices: run as root" >&2
+    exit 1
+fi
+
+step "dependencies"
+"$root/scripts/install-deps.sh"
+
+configure() {  # configure DIR [cmake args...]
+    local dir=$1
+    shift
+    cmake -S "$root" -B "$root/$dir" -G Ninja "$@" >/dev/null
+}
+
+step "build (release with debug info)"
+configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake --build build -j"$jobs"
+
+step "unit tests"
+ctest --test-dir build --output-on-failure -j"$jobs"
+
+step "end-to-end tests"
+VXBRD_BINARY="$root/build/vxbrd" python3 -m pytest -q tests/e2e
+
+step "unit tests under AddressSanitizer + UndefinedBehaviorSanitizer"
+configure build-asan -DCMAKE_BUILD_TYPE=Debug -DVXBRD_SANITIZE=address,undefined
+cmake --build build-asan -j"$jobs"
+ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+step "unit tests under ThreadSanitizer"
+configure build-tsan -DCMAKE_BUILD_TYPE=Debug -DVXBRD_SANITIZE=thread
+cmake --build build-tsan -j"$jobs"
+TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j"$jobs"
+
+step "fuzzers (${fuzz_seconds}s each, ASan + UBSan)"
+CXX=clang++ configure build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVXBRD_FUZZ=ON -DBUILD_TESTING=ON
+cmake --build build-fuzz -j"$jobs"
+shopt -s nullglob
+fuzzers=(build-fuzz/tests/*_fuzz)
+[ "${#fuzzers[@]}" -gt 0 ] || { echo "no fuzzers were built" >&2; exit 1; }
+for fuzzer in "${fuzzers[@]}"; do
+    name=$(basename "$fuzzer")
+    corpus=$(mktemp -d)
+    log=$(mktemp)
+    seeds=()
+    [ -d "$root/tests/fuzz/corpus/$name" ] && seeds=("$root/tests/fuzz/corpus/$name")
+    echo "--- $name"
+    if ! "$fuzzer" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" "${seeds[@]}" >"$log" 2>&1; then
+        tail -n 60 "$log" >&2
+        echo "$name found a problem" >&2
+        exit 1
+    fi
+    grep -E '^stat::number_of_executed_units' "$log" || true
+    rm -rf "$corpus" "$log"
+done
+
+step "FreeBSD cross build"
+configure build-freebsd -DCMAKE_TOOLCHAIN_FILE="$root/cmake/freebsd-toolchain.cmake" -DBUILD_TESTING=OFF
+cmake --build build-freebsd -j"$jobs"
+"$root/scripts/check-freebsd-binary.sh" build-freebsd/vxbrd
+
+step "all tests passed"
