@@ -1,0 +1,18 @@
+// What the configuration parser shares with the command line: both the
+// "server" keyword and -s read a server address with the same rules and the
+// same messages.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+
+namespace lumora {
+
+// Reads text as an IPv4 address (family 1 into ipv4) or an IPv6 address
+// (family 2 into ipv6), choosing by the shared whole-string patterns. On a
+// bad address prints "<text>: invalid IPv4 address\n" (or "IPv6", or "IPv4 or
+// IPv6") on stderr, leaves the outputs untouched and returns false.
+bool parseServerAddress(const char* text, in_addr& ipv4, in6_addr& ipv6, uint8_t& family);
+
+}  // namespace lumora

@@ -1,0 +1,7 @@
+#include "app/Runtime.h"
+
+namespace lumora {
+
+Runtime runtime;
+
+}  // namespace lumora

@@ -1,0 +1,165 @@
+// Start-up of the daemon, in the order the pieces depend on each other:
+// options, the host's interfaces, the configuration (which checks names
+// against those interfaces), the banner, daemon mode while the process still
+// has one thread, then the endpoints and their threads.
+#include "app/Startup.h"
+
+#include <unistd.h>
+
+#include <bitset>
+#include <cstdlib>
+#include <cstring>
+
+#include "app/CommandLine.h"
+#include "app/Config.h"
+#include "app/Daemon.h"
+#include "app/Logger.h"
+#include "app/Runtime.h"
+#include "app/StartupSteps.h"
+#include "app/Version.h"
+#include "app/interfaces.h"
+
+namespace lumora {
+
+namespace {
+
+void discoverHostInterfaces(Logger& logger) {
+    try {
+        discoverInterfaces(system_interfaces, runtime.ipv4_addresses, runtime.ipv6_addresses);
+    } catch (int error) {
+        logger.log(Error, "getifaddrs(): %s", std::strerror(error));
+        std::exit(1);
+    }
+}
+
+void loadConfiguration(Logger& logger, const std::string& path) {
+    try {
+        parse_config(config, path.c_str());
+    } catch (...) {
+        // The parser has already said what is wrong, on stderr.
+        logger.log(Error, "can't parse config file");
+        std::exit(1);
+    }
+}
+
+// A "server" line in the file wins over -s.
+void settleSendAll(const Options& options) {
+    SendAll& send_all = runtime.send_all;
+    send_all = options.send_all;
+    if (config.server_family != 0) {
+        send_all.ipv4 = config.server_ipv4;
+        send_all.family = config.server_family;
+        send_all.ipv6 = config.server_ipv6;
+    }
+    send_all.mtu = config.mtu;
+}
+
+void logTunnelPolicy(Logger& logger) {
+    const SendAll& send_all = runtime.send_all;
+    if (send_all.family == 1) {
+        logger.log(Error, "Sending all traffic to %s", addressText(send_all.ipv4).c_str());
+    } else if (send_all.family == 2) {
+        logger.log(Error, "Sending all traffic to %s", addressText(send_all.ipv6).c_str());
+    }
+    if (config.gre_key_mode != Ignore) {
+        logger.log(Notice, "GRE Key Mode: %s", greKeyModeKeyword(config.gre_key_mode));
+        if (config.gre_key_mode == Require) {
+            logger.log(Notice, "GRE required key: %lu", static_cast<unsigned long>(config.gre_key));
+        }
+    }
+}
+
+// One GRE endpoint per local address, IPv4 interfaces first, each in name order.
+void openGreEndpoints(Logger& logger) {
+    for (const auto& [name, addresses] : runtime.ipv4_addresses) {
+        if (skipsVlanInterface(name, addresses.size())) {
+            logger.log(Notice, "Skipping interface: %s (%s). VLAN interface with > 2 ipaddrs (%d)",
+                       name.c_str(), addressText(addresses.front()).c_str(),
+                       static_cast<int>(addresses.size()));
+            continue;
+        }
+        for (const in_addr& address : addresses) {
+            logger.log(Notice, "Listening on interface: %s (%s)", name.c_str(),
+                       addressText(address).c_str());
+            // GRE endpoint (IPv4) for this address and its receive thread go here.
+        }
+    }
+    for (const auto& [name, addresses] : runtime.ipv6_addresses) {
+        for (const in6_addr& address : addresses) {
+            logger.log(Notice, "Listening on interface: %s (%s)", name.c_str(),
+                       addressText(address).c_str());
+            // GRE endpoint (IPv6) for this address and its receive thread go here.
+        }
+    }
+}
+
+void openForwardingEndpoint(Logger& logger) {
+    if (config.forward_servers.empty()) return;
+    logger.log(Notice, "Listening for forwarding on all IPv4 addresses");
+    // The "any" endpoint on the wildcard address, which becomes
+    // runtime.forward_socket, is created here; it has no thread of its own.
+}
+
+// One tap endpoint per tap line, in file order; the first line for a VLAN wins.
+void openTapEndpoints(Logger& logger) {
+    // Mirrors the filled slots of runtime.taps_by_vid: every line that gets
+    // past the duplicate check gets its tap endpoint or ends the process.
+    std::bitset<4096> served;
+    for (const InterfaceConfig& tap : config.interfaces) {
+        if (served.test(tap.vid)) {
+            logger.log(Warning, "duplicate vlan entry for vid %d", tap.vid);
+            continue;
+        }
+        logger.log(Notice, "interface: %s, vlan: %d, vlan-isolation: %s", tap.name.c_str(),
+                   tap.vid, tap.isolate ? "true" : "false");
+        const auto parent = parent_interfaces.find(tap.name);
+        if (parent != parent_interfaces.end()) {
+            // The parser accepted the parent only if discovery had found it.
+            logger.log(Notice, "interface: %s parent interface: %s (%s)", tap.name.c_str(),
+                       parent->second.c_str(), macText(system_interfaces.at(parent->second)).c_str());
+        }
+        served.set(tap.vid);
+        // The tap endpoint for this line (stored in runtime.taps_by_vid) and
+        // its TAP thread are created here.
+        runtime.isolation_by_vid[tap.vid] = tap.isolate;
+    }
+}
+
+void logForwarding(Logger& logger) {
+    for (const auto& [vid, server] : config.forward_servers) {
+        logger.log(Notice, "VLAN %d traffic will be forwarded to server %s", vid,
+                   addressText(server.address).c_str());
+    }
+}
+
+}  // namespace
+
+int daemonMain(int argc, char** argv) {
+    // Syslog mode at Warning until the options say otherwise. It lives in
+    // this frame, which never returns, so every thread may keep a pointer.
+    Logger logger;
+
+    const CommandLine command_line = parseCommandLine(argc, argv, logger);
+    if (command_line.exit_status) return *command_line.exit_status;
+    const Options& options = command_line.options;
+
+    discoverHostInterfaces(logger);
+    loadConfiguration(logger, options.config_path);
+    logger.log(Error, "vxbrd %s", versionString().c_str());
+    settleSendAll(options);
+
+    // Before any thread exists, so that every thread belongs to the daemon.
+    if (options.daemonize) daemonize(logger, options.pid_path.c_str());
+
+    logTunnelPolicy(logger);
+    // The control socket thread is started here, before any tunnel endpoint.
+    openGreEndpoints(logger);
+    openForwardingEndpoint(logger);
+    openTapEndpoints(logger);
+    logForwarding(logger);
+
+    // The threads do the work; main only has to stay alive.
+    for (;;) usleep(1000);
+}
+
+}  // namespace lumora

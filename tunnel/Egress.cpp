@@ -1,0 +1,190 @@
+#include "tunnel/Egress.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "pdu/ClampMSS.h"
+#include "pdu/Dump.h"
+#include "pdu/Text.h"
+#include "pdu/Views.h"
+#include "tunnel/Encapsulation.h"
+#include "tunnel/Tag.h"
+#include "vif/TAP"
+
+namespace lumora {
+
+using pdu::kInvalid;
+using pdu::PDU;
+
+namespace {
+
+constexpr uint16_t kEthernetHeader = 14;
+
+MacAddress interfaceMac(const TunnelContext& context, const std::string& name) {
+    // An interface the host did not report counts as the all-zero MAC.
+    const auto found = context.interfaces->find(name);
+    return found != context.interfaces->end() ? found->second : MacAddress{};
+}
+
+// A host that answers ARP on the tap with the tap's own MAC would hand the
+// access points an address they cannot reach; the parent interface's MAC is
+// put in its place.
+void repairArpReply(TunnelContext& context, Endpoint& tap, PDU frame, pdu::ArpPDU arp) {
+    const MacAddress tap_mac = interfaceMac(context, tap.name());
+    if (std::memcmp(arp.senderHardware(), tap_mac.data(), tap_mac.size()) != 0) return;
+    const auto parent = context.parents->find(tap.name());
+    if (parent == context.parents->end()) return;
+    const MacAddress parent_mac = interfaceMac(context, parent->second);
+    context.logger->log(Notice, "Incorrect ARP Reply MAC address (%s). Re-writing with %s mac %s",
+                        tap.name(), parent->second.c_str(), pdu::macToText(parent_mac.data()));
+    if (arp.hardwareLength() == 6)
+        std::memcpy(arp.senderHardware(), parent_mac.data(), parent_mac.size());
+    std::memcpy(frame.data() + 6, parent_mac.data(), parent_mac.size());
+}
+
+bool serverDestination(TunnelContext& context, uint16_t vlan, Destination& destination) {
+    const SendAll& server = context.send_all;
+    if (server.family == 0) return false;
+    destination = Destination{};
+    destination.vlan = vlan;
+    if (server.family == 2) {
+        destination.family = AF_INET6;
+        destination.ipv6 = server.ipv6;
+        destination.endpoint = context.server_socket_ipv6.load(std::memory_order_acquire);
+    } else {
+        destination.family = AF_INET;
+        destination.ipv4 = server.ipv4;
+        destination.endpoint = context.server_socket_ipv4.load(std::memory_order_acquire);
+    }
+    return true;
+}
+
+void sendToServer(TunnelContext& context, Endpoint& tap, const Destination& destination,
+                  PDU frame) {
+    if (destination.endpoint == nullptr) {
+        context.logger->log(Warning, "%s: no GRE endpoint of the server's address family",
+                            tap.name());
+        return;
+    }
+    send(*context.logger, destination, frame, nullptr, context.config->mtu);
+}
+
+void flood(TunnelContext& context, PDU read, uint16_t vlan, uint8_t* buffer) {
+    for (const PeerRecord& peer : context.tables->floodPeers(vlan)) {
+        for (const VlanKey& pair : peer.vlanKeys) {
+            if (read._cap > kFloodBufferSize) {
+                std::printf("buflen: %zu, p1._cap: %d\n", kFloodBufferSize, read._cap);
+                std::fflush(stdout);
+                throw kInvalid;
+            }
+            // Each copy is the buffer as read, indices included: a frame whose
+            // tag was stripped goes out at its length as read, as the access
+            // points have always received it.
+            std::memcpy(buffer, read._buf, read._cap);
+            PDU copy{buffer, static_cast<uint16_t>(kFloodBufferSize), read._begin, read._end, {0, 0}};
+            if (copy.length() < kEthernetHeader) throw kInvalid;
+            if (peer.endpoint == nullptr) continue;
+            Destination destination;
+            destination.vlan = pair.vlan;
+            destination.family = peer.family;
+            destination.ipv4 = peer.ipv4;
+            destination.ipv6 = peer.ipv6;
+            destination.upstream = peer.relayMark;
+            destination.endpoint = peer.endpoint;
+            send(*context.logger, destination, copy, pair.key != 0 ? &pair.key : nullptr,
+                 context.config->mtu);
+        }
+    }
+}
+
+void clampOutgoingMss(TunnelContext& context, PDU frame) {
+    if (pdu::load16(frame.data() + 12) != pdu::kEthertypeIPv4) return;
+    const auto ip = pdu::IPv4PDU::at(frame, frame._begin + kEthernetHeader);
+    if (ip.protocol() != pdu::kProtocolTcp || ip.fragmentOffset() != 0) return;
+    const auto tcp = pdu::TcpPDU::at(ip, ip.innerBegin());
+    if (tcp.syn() && pdu::clampMSS(tcp, context.config->mss))
+        context.logger->log(Debug, "clamping MSS to GRE");
+}
+
+}  // namespace
+
+void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan, PDU read,
+                    uint8_t* flood_buffer) {
+    Logger& log = *context.logger;
+    if (read.length() < kEthernetHeader) throw kInvalid;
+    PDU frame = read;
+
+    if (log.level >= static_cast<int32_t>(Info) && log.stream != nullptr) {
+        pdu::dump(pdu::EthernetPDU::at(frame, frame._begin), log.stream, 0);
+        if (log.level >= static_cast<int32_t>(Debug)) pdu::dumpHex(frame, log.stream);
+    }
+
+    uint16_t vlan = device_vlan;
+    if (device_vlan == 0 && pdu::load16(frame.data() + 12) == pdu::kEthertypeVlan) {
+        const auto tag = pdu::VlanPDU::at(frame, frame._begin + kEthernetHeader);
+        vlan = tag.vlan();
+        if (!context.config->vlans.test(vlan)) return;
+        if (frame.length() < 18) throw kInvalid;
+        removeTag(frame);
+    }
+
+    const uint16_t ethertype = pdu::load16(frame.data() + 12);
+    if (ethertype == pdu::kEthertypeArp) {
+        const auto arp = pdu::ArpPDU::at(frame, frame._begin + kEthernetHeader);
+        if (arp.operation() == pdu::ArpPDU::kReply) repairArpReply(context, tap, frame, arp);
+    } else if (ethertype == pdu::kEthertypeIPv4 && context.config->ipchksum) {
+        pdu::ipv4HeaderChecksum(pdu::IPv4PDU::at(frame, frame._begin + kEthernetHeader));
+    }
+
+    Destination destination;
+    if ((frame.data()[0] & 0x01) != 0) {
+        if (serverDestination(context, vlan, destination)) {
+            sendToServer(context, tap, destination, frame);
+        } else {
+            flood(context, read, vlan, flood_buffer);
+        }
+        return;
+    }
+
+    const uint32_t* key = nullptr;
+    uint32_t client_key = 0;
+    if (!serverDestination(context, vlan, destination)) {
+        ClientRecord* client = context.tables->findClient(frame.data(), vlan);
+        ClientRoute route;
+        if (client != nullptr) route = client->route();
+        if (client == nullptr || !route.hasPeer || route.endpoint == nullptr) {
+            log.log(Notice, "%s: can't find peer for host %s", tap.name(),
+                    pdu::packedMacToText(pdu::packMac(frame.data())));
+            return;
+        }
+        client->addTraffic(0, frame.length(), 0, 1);
+        destination.vlan = route.hasVlan ? static_cast<uint16_t>(route.vlan) : 0;
+        destination.family = route.address.family;
+        destination.ipv4 = route.address.ipv4;
+        destination.ipv6 = route.address.ipv6;
+        destination.upstream = route.relayMark;
+        destination.endpoint = route.endpoint;
+        if (route.hasKey) {
+            client_key = route.greKey;
+            key = &client_key;
+        }
+    }
+
+    clampOutgoingMss(context, frame);
+    if (destination.endpoint == nullptr) {
+        sendToServer(context, tap, destination, frame);
+        return;
+    }
+    send(log, destination, frame, key, context.config->mtu);
+}
+
+void runTapEgress(Logger* logger, vif::TAP* tap, uint16_t vlan) {
+    logger->log(Debug, "TAP thread running on %s", tap->name());
+    TunnelContext& context = tunnelContext();
+    uint8_t flood_buffer[kFloodBufferSize];
+    // Frames come from the host's own stack and are trusted to be well
+    // formed: anything thrown here ends the process.
+    for (;;) handleTapFrame(context, *tap, vlan, tap->read(), flood_buffer);
+}
+
+}  // namespace lumora

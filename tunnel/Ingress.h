@@ -1,0 +1,47 @@
+// The receive half of the tunnel: GRE from the access points to the taps.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "pdu/PDU.h"
+#include "tunnel/Context.h"
+#include "vif/VIF"
+
+namespace lumora {
+
+namespace vif {
+class IP;
+}
+
+// Who sent a datagram and where it arrived.
+struct GreSource {
+    vif::GreSocket* endpoint = nullptr;  // the receiving endpoint
+    uint32_t family = AF_INET;           // the datagram's outer source
+    in_addr ipv4{};
+    in6_addr ipv6{};
+};
+
+// Buffers an ingress thread owns for its whole life, so that no datagram
+// allocates: the copy kept for upstream forwarding and the per-peer copies
+// of a relayed broadcast.
+struct IngressScratch {
+    static constexpr size_t kSize = 65536 + 64;
+    std::unique_ptr<uint8_t[]> copy{new uint8_t[kSize]};
+};
+
+// Runs one received GRE datagram (datagram starts at its GRE header, in the
+// endpoint's buffer, which it may change) through every ingress decision:
+// header checks, relay replies, tag strip, upstream forwarding, the GRE key
+// mode, learning, MSS clamping and the write to the VLAN's tap.
+// Malformed datagrams throw int (22 or 55); the caller drops them.
+void handleGreDatagram(TunnelContext& context, const GreSource& source, pdu::PDU datagram,
+                       IngressScratch& scratch);
+
+// The GRE ingress thread's body: reads the endpoint for ever. Nothing a
+// datagram holds ends it.
+void runGreIngress(Logger* logger, vif::IP* endpoint);
+
+}  // namespace lumora

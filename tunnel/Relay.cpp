@@ -1,0 +1,91 @@
+#include "tunnel/Relay.h"
+
+#include <cstring>
+
+#include "pdu/Ethernet.h"
+#include "pdu/Text.h"
+#include "tunnel/Encapsulation.h"
+#include "tunnel/Tag.h"
+
+namespace lumora {
+
+using pdu::PDU;
+
+namespace {
+
+constexpr uint16_t kHeadroom = 64;
+
+bool isSource(const PeerRecord& peer, const GreSource& source) {
+    return peer.family == AF_INET && source.family == AF_INET &&
+           peer.ipv4.s_addr == source.ipv4.s_addr;
+}
+
+// Strips an 802.1Q tag in place and returns its VLAN (0 when untagged).
+uint16_t stripTag(PDU& frame) {
+    const uint16_t vlan = tagVlanOf(frame);
+    if (pdu::load16(frame.data() + 12) == pdu::kEthertypeVlan) removeTag(frame);
+    return vlan;
+}
+
+void relayUnicast(TunnelContext& context, PDU frame, uint16_t vlan) {
+    Logger& log = *context.logger;
+    const uint8_t* destination = frame.data();
+    ClientRecord* client = context.tables->findClient(destination, vlan);
+    if (client == nullptr) {
+        log.log(Notice, "cant find client for VYM-VYM to %s, vid %d",
+                pdu::packedMacToText(pdu::packMac(destination)), vlan);
+        return;
+    }
+    const ClientRoute route = client->route();
+    if (!route.hasPeer || route.endpoint == nullptr) {
+        log.log(Notice, "SHOUD NOT GET HEE cant find client for VYM-VYM to %s, vid %d",
+                pdu::packedMacToText(pdu::packMac(destination)), vlan);
+        return;
+    }
+    log.log(Info, "Forwarding VYM-VYM to remote AP %s via %s", route.address.text(),
+            route.endpoint->interfaceName().c_str());
+    Destination target;
+    target.vlan = route.hasVlan ? static_cast<uint16_t>(route.vlan) : 0;
+    target.family = route.address.family;
+    target.ipv4 = route.address.ipv4;
+    target.ipv6 = route.address.ipv6;
+    target.upstream = route.relayMark;
+    target.endpoint = route.endpoint;
+    send(log, target, frame, route.hasKey ? &route.greKey : nullptr, context.config->mtu);
+}
+
+void relayBroadcast(TunnelContext& context, const GreSource& source, PDU frame, uint16_t vlan,
+                    IngressScratch& scratch) {
+    Logger& log = *context.logger;
+    for (const PeerRecord& peer : context.tables->floodPeers(vlan)) {
+        if (isSource(peer, source) || peer.endpoint == nullptr) continue;
+        log.log(Info, "Forwarding VYM-VYM broadcast to remote AP %s via %s",
+                peer.address().text(), peer.endpoint->interfaceName().c_str());
+        // Encapsulation edits the frame in place, so every peer gets a copy.
+        std::memcpy(scratch.copy.get() + kHeadroom, frame.data(), frame.length());
+        PDU copy{scratch.copy.get(), static_cast<uint16_t>(kHeadroom + frame.length()), kHeadroom,
+                 static_cast<uint16_t>(kHeadroom + frame.length()), {0, 0}};
+        Destination target;
+        target.vlan = vlan;
+        target.family = peer.family;
+        target.ipv4 = peer.ipv4;
+        target.ipv6 = peer.ipv6;
+        target.upstream = peer.relayMark;
+        target.endpoint = peer.endpoint;
+        send(log, target, copy, nullptr, context.config->mtu);
+    }
+}
+
+}  // namespace
+
+void relayToAccessPoint(TunnelContext& context, const GreSource& source, PDU frame,
+                        IngressScratch& scratch) {
+    const uint16_t vlan = stripTag(frame);
+    if ((frame.data()[0] & 0x01) == 0) {
+        relayUnicast(context, frame, vlan);
+    } else {
+        relayBroadcast(context, source, frame, vlan, scratch);
+    }
+}
+
+}  // namespace lumora

@@ -1,0 +1,87 @@
+// The tap endpoint: frames between the tunnel and the local network stack.
+#include "vif/TAP"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "vif/Descriptor.h"
+#include "vif/tap_platform.h"
+
+namespace lumora::vif {
+
+namespace {
+
+constexpr long kMinMtu = 72;
+constexpr long kMaxMtu = 1500;
+// The read is bounded by the space behind the headroom.
+constexpr uint16_t kReadSize = TAP::kBufferSize - TAP::kHeadroom;
+
+}  // namespace
+
+ssize_t (*TAP::write_call)(int, const void*, size_t) = ::write;
+
+TAP::TAP(Logger* logger, const char* interface)
+    : logger(logger),
+      buffer(std::make_unique_for_overwrite<uint8_t[]>(kBufferSize)),
+      interface_argument(interface) {
+    // Until the kernel names the interface, errors carry the device path.
+    std::snprintf(name_text, sizeof name_text, "/dev/%s", interface);
+    platform::OpenedTap opened =
+        platform::openTap(logger, interface_argument, name_text, link_address);
+    mtu_value = opened.mtu;
+    fd = opened.fd.release();
+    logger->log(Notice, "%s mtu: %ld", name_text, mtu_value);
+    logger->log(Notice, "%s ready", name_text);
+}
+
+TAP::~TAP() {
+    if (fd >= 0) ::close(fd);
+}
+
+const char* TAP::name() const { return name_text; }
+
+long TAP::mtu() const { return mtu_value; }
+
+void TAP::setMtu(long mtu) {
+    if (mtu < kMinMtu || mtu > kMaxMtu) {
+        logger->log(Error, "%s invalid MTU requested: %d", name_text, static_cast<int>(mtu));
+        throw pdu::kInvalid;
+    }
+    platform::setTapMtu(logger, fd, name_text, mtu);
+    mtu_value = mtu;
+}
+
+std::array<uint8_t, 6> TAP::mac() const {
+    std::array<uint8_t, 6> out;
+    std::memcpy(out.data(), link_address + 2, out.size());
+    return out;
+}
+
+pdu::PDU TAP::read() {
+    const ssize_t got = ::read(fd, buffer.get(), kReadSize);
+    if (got < 0) failCall(logger, name_text, "read()");
+    // Cannot trigger with a bounded read; kept as a guard on the 16-bit offsets.
+    const auto n = static_cast<uint16_t>(got);
+    if (n > kReadSize) throw pdu::kInvalid;
+    pdu::PDU p;
+    p._buf = buffer.get();
+    p._cap = kBufferSize;
+    p._begin = kHeadroom;
+    p._end = static_cast<uint16_t>(kHeadroom + n);
+    return p;
+}
+
+// One write, no retry: a frame the device does not take whole is dropped.
+pdu::IReadWriter& TAP::write(pdu::PDU p) {
+    const int length = p.length();
+    const ssize_t sent = write_call(fd, p.data(), static_cast<size_t>(length));
+    if (sent != length) {
+        logger->log(Warning, "%s short write: %d (req) > %d (sent)", name_text, length,
+                    static_cast<int>(sent));
+    }
+    return *this;
+}
+
+}  // namespace lumora::vif

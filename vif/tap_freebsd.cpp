@@ -1,0 +1,82 @@
+#ifndef __FreeBSD__
+#error "tap_freebsd.cpp is the FreeBSD backend of the tap endpoint"
+#endif
+
+// FreeBSD tap(4): the device node /dev/<name> of an interface created with
+// "ifconfig tapN create"; the node answers the tap ioctls directly.
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <net/if_tap.h>
+#include <net/if_types.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "vif/tap_platform.h"
+
+namespace lumora::vif::platform {
+
+namespace {
+
+constexpr size_t kMacSize = 6;
+
+// At most IFNAMSIZ bytes of the name, as the kernel reads them.
+void setName(ifreq& request, const char* interface) {
+    std::memset(&request, 0, sizeof request);
+    std::memcpy(request.ifr_name, interface, strnlen(interface, IFNAMSIZ));
+}
+
+}  // namespace
+
+OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address) {
+    OpenedTap opened;
+    opened.fd = Descriptor(::open(name, O_RDWR | O_CLOEXEC));
+    if (!opened.fd.valid()) failCall(logger, name, "open()");
+    const int fd = opened.fd.get();
+
+    ifreq request;
+    std::memset(&request, 0, sizeof request);
+    if (::ioctl(fd, TAPGIFNAME, &request) < 0) failCall(logger, name, "TAPGIFNAME");
+    std::snprintf(name, 64, "%.*s", IFNAMSIZ, request.ifr_name);
+
+    // The driver copies the MAC to the start of the buffer, but the ioctl
+    // moves a whole ifreq in and out: hand it one, not the 14 data bytes of
+    // the link address.
+    std::memset(&request, 0, sizeof request);
+    std::memset(link_address, 0, 16);
+    if (::ioctl(fd, SIOCGIFADDR, &request) < 0) failCall(logger, name, "SIOCGIFADDR");
+    std::memcpy(link_address + 2, &request, kMacSize);
+    link_address[0] = 16;
+    link_address[1] = AF_LINK;
+
+    tapinfo info;
+    std::memset(&info, 0, sizeof info);
+    if (::ioctl(fd, TAPGIFINFO, &info) < 0) failCall(logger, name, "TAPGIFINFO");
+    if (info.type != IFT_ETHER) {
+        logger->log(Error, "%s not an Ethernet interface", name);
+        throw pdu::kInvalid;
+    }
+
+    Descriptor sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock.valid()) failCall(logger, name, "socket()");
+    setName(request, interface);
+    if (::ioctl(sock.get(), SIOCGIFFLAGS, &request) < 0) failCall(logger, name, "SIOCGIFFLAGS");
+    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+    if (::ioctl(sock.get(), SIOCSIFFLAGS, &request) < 0) failCall(logger, name, "SIOCSIFFLAGS");
+
+    opened.mtu = static_cast<uint16_t>(info.mtu);
+    return opened;
+}
+
+void setTapMtu(Logger* logger, int fd, const char* name, long mtu) {
+    tapinfo info;
+    std::memset(&info, 0, sizeof info);
+    if (::ioctl(fd, TAPGIFINFO, &info) < 0) failCall(logger, name, "TAPGIFINFO");
+    info.mtu = static_cast<unsigned short>(mtu);
+    if (::ioctl(fd, TAPSIFINFO, &info) < 0) failCall(logger, name, "TAPSIFINFO");
+}
+
+}  // namespace lumora::vif::platform

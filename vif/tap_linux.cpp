@@ -1,0 +1,92 @@
+#ifndef __linux__
+#error "tap_linux.cpp is the Linux backend of the tap endpoint"
+#endif
+
+// Linux tap interfaces are reached through /dev/net/tun: TUNSETIFF attaches
+// the descriptor to the tap interface of that name, which the operator created
+// beforehand (ip tuntap add dev tap0 mode tap), as on FreeBSD.
+//
+// Naming: until TUNSETIFF has named the interface, error lines carry the
+// FreeBSD-style device path "/dev/<name>", so operators see the same lines on
+// both systems. TUNSETIFF would quietly create a missing interface, so
+// existence is checked first and a missing one is reported as the open
+// failure ("/dev/tap9 open(): No such device").
+
+#include <fcntl.h>
+#include <net/if_arp.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "vif/tap_platform.h"
+
+namespace lumora::vif::platform {
+
+namespace {
+
+constexpr size_t kMacSize = 6;
+
+// At most IFNAMSIZ bytes of the name, as the kernel reads them.
+void setName(ifreq& request, const char* interface) {
+    std::memset(&request, 0, sizeof request);
+    std::memcpy(request.ifr_name, interface, strnlen(interface, IFNAMSIZ));
+}
+
+Descriptor controlSocket(Logger* logger, const char* name) {
+    Descriptor sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock.valid()) failCall(logger, name, "socket()");
+    return sock;
+}
+
+}  // namespace
+
+OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address) {
+    if (if_nametoindex(interface) == 0) failCall(logger, name, "open()");
+    OpenedTap opened;
+    opened.fd = Descriptor(::open("/dev/net/tun", O_RDWR | O_CLOEXEC));
+    if (!opened.fd.valid()) failCall(logger, name, "open()");
+
+    ifreq request;
+    setName(request, interface);
+    request.ifr_flags = IFF_TAP | IFF_NO_PI;
+    if (::ioctl(opened.fd.get(), TUNSETIFF, &request) < 0) failCall(logger, name, "TUNSETIFF");
+    std::snprintf(name, 64, "%.*s", IFNAMSIZ, request.ifr_name);
+
+    // The rest goes through an ordinary socket: the tun descriptor answers
+    // none of the interface ioctls.
+    const Descriptor sock = controlSocket(logger, name);
+    setName(request, name);
+    if (::ioctl(sock.get(), SIOCGIFHWADDR, &request) < 0) failCall(logger, name, "SIOCGIFHWADDR");
+    if (request.ifr_hwaddr.sa_family != ARPHRD_ETHER) {
+        logger->log(Error, "%s not an Ethernet interface", name);
+        throw pdu::kInvalid;
+    }
+    std::memset(link_address, 0, 16);
+    link_address[0] = 16;
+    link_address[1] = AF_PACKET;
+    std::memcpy(link_address + 2, request.ifr_hwaddr.sa_data, kMacSize);
+
+    setName(request, interface);
+    if (::ioctl(sock.get(), SIOCGIFFLAGS, &request) < 0) failCall(logger, name, "SIOCGIFFLAGS");
+    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+    if (::ioctl(sock.get(), SIOCSIFFLAGS, &request) < 0) failCall(logger, name, "SIOCSIFFLAGS");
+
+    setName(request, name);
+    if (::ioctl(sock.get(), SIOCGIFMTU, &request) < 0) failCall(logger, name, "SIOCGIFMTU");
+    opened.mtu = static_cast<uint16_t>(request.ifr_mtu);
+    return opened;
+}
+
+void setTapMtu(Logger* logger, int, const char* name, long mtu) {
+    const Descriptor sock = controlSocket(logger, name);
+    ifreq request;
+    setName(request, name);
+    request.ifr_mtu = static_cast<int>(mtu);
+    if (::ioctl(sock.get(), SIOCSIFMTU, &request) < 0) failCall(logger, name, "SIOCSIFMTU");
+}
+
+}  // namespace lumora::vif::platform

@@ -1,0 +1,30 @@
+// The OS-specific half of the tap endpoint: opening the device and pushing an
+// MTU into the kernel. One implementation per OS (tap_freebsd.cpp,
+// tap_linux.cpp). Every failure is logged at Error with the current name
+// first and thrown as int errno (22 for a device that is not Ethernet).
+#pragma once
+
+#include <cstdint>
+
+#include "app/Logger.h"
+#include "pdu/PDU.h"
+#include "vif/Descriptor.h"
+
+namespace lumora::vif::platform {
+
+struct OpenedTap {
+    Descriptor fd;  // the device, read and written by the endpoint
+    long mtu = 0;   // the interface's MTU as the kernel reports it
+};
+
+// Opens the tap device for interface, brings the interface up and learns its
+// kernel name, MAC and MTU. name (64 bytes) holds "/dev/<interface>" on entry
+// and is overwritten with the kernel name once it is known; link_address
+// (16 bytes) receives length, family and the 6-byte MAC. interface must stay
+// valid for the call only.
+OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address);
+
+// Sets the interface MTU in the kernel (value already validated).
+void setTapMtu(Logger* logger, int fd, const char* name, long mtu);
+
+}  // namespace lumora::vif::platform
