@@ -64,7 +64,7 @@ struct GrePDU : PDU {
     // is set. Meaningful only when hasKey().
     uint32_t key() const { return load32(data() + (hasChecksum() ? 8 : 4)); }
     // The word at offset 4, whatever C says: where our access points' key is
-    // read by the ingress path.
+    // read by the ingress path. Inside the view only when C or K is set.
     uint32_t wordAt4() const { return load32(data() + 4); }
 };
 

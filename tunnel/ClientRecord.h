@@ -28,9 +28,9 @@ struct Traffic {
 // lock and without allocating.
 struct ClientRoute {
     bool hasPeer = false;
-    PeerAddress address;          // the peer's outer address
+    PeerAddress address;                 // the peer's outer address
     vif::GreSocket* endpoint = nullptr;  // the peer's GRE socket
-    uint8_t relayMark = 0;        // the peer stands for another gateway
+    uint8_t relayMark = 0;               // the peer stands for another gateway
     uint8_t hasKey = 0;
     uint32_t greKey = 0;
     uint8_t hasVlan = 0;
@@ -46,13 +46,13 @@ struct Association {
 };
 
 class ClientRecord {
-public:
+  public:
     uint8_t mac[6] = {};
-    uint8_t hasVlan = 0;  // frames arrived with an 802.1Q tag
-    uint8_t hasKey = 0;   // packets carried a GRE key
-    int32_t vlan = 0;     // the tag's VLAN (read as u16), valid with hasVlan
-    uint32_t greKey = 0;  // valid with hasKey
-    int32_t mappedVlan = 0;  // policy VLAN when it differs from the tag's; 0 = none
+    uint8_t hasVlan = 0;       // frames arrived with an 802.1Q tag
+    uint8_t hasKey = 0;        // packets carried a GRE key
+    int32_t vlan = 0;          // the tag's VLAN (read as u16), valid with hasVlan
+    uint32_t greKey = 0;       // valid with hasKey
+    int32_t mappedVlan = 0;    // policy VLAN when it differs from the tag's; 0 = none
     mutable std::mutex mutex;  // guards every field of a published record
     time_t lastSeen = 0;
     uint64_t bytesIn = 0;
@@ -67,7 +67,10 @@ public:
     ClientRecord(const ClientRecord& other);
     ClientRecord& operator=(const ClientRecord& other);
 
-    void touch();       // lastSeen = now
+    void touch();  // lastSeen = now
+    // The flag setters, each under the client's mutex. A peer reads its
+    // clients' flags under the peer's mutex alone, so on a client that is in
+    // a peer's list they are changed through associate() only.
     void resetFlags();  // hasVlan = hasKey = 0
     void setKey(uint32_t key);
     void setVlan(int32_t id);
@@ -105,7 +108,7 @@ public:
     // the flags from what, attach to record (none when null).
     void associate(PeerRecord* record, const Association& what);
 
-private:
+  private:
     void detachLocked();
     void attachLocked(PeerRecord* record);
 };

@@ -62,7 +62,10 @@ ClientRecord* learn(Tables& tables, Logger* logger, const Sighting& s) {
         client = tables.insertClient(key, std::move(fresh), new_client);
     }
 
+    // A new or moving client gets its flags and peer set below; the line
+    // that tells about it is begun here and finished with what it learned.
     std::string line;
+    bool moving = false;
     if (new_client) {
         line = "[cache] new device: " + clientText(s);
         if (s.upstream != nullptr) {
@@ -71,15 +74,15 @@ ClientRecord* learn(Tables& tables, Logger* logger, const Sighting& s) {
         }
     } else {
         client->touch();
-        if (!client->isSamePeer(candidate)) {
+        moving = !client->isSamePeer(candidate);
+        if (moving) {
             line = "[cache] Update device peer: " + clientText(s);
             logger->log(Notice, "Reassociating client to peer cache");
         }
     }
 
     client->addTraffic(s.frameLength, 0, 1, 0);
-
-    if (line.empty()) return client;  // a known client on its known peer
+    if (!new_client && !moving) return client;  // the per-packet case
 
     Association what;
     what.hasKey = s.hasKey;

@@ -22,13 +22,13 @@ struct Sighting {
     in_addr ipv4{};
     in6_addr ipv6{};
     vif::GreSocket* endpoint = nullptr;  // the receiving GRE socket (may be null in tests)
-    uint16_t policyVlan = 0;      // VLAN chosen by the key/VLAN policy
-    uint16_t tagVlan = 0;         // VLAN of the inner 802.1Q tag, 0 when untagged
+    uint16_t policyVlan = 0;             // VLAN chosen by the key/VLAN policy
+    uint16_t tagVlan = 0;                // VLAN of the inner 802.1Q tag, 0 when untagged
     bool hasKey = false;
     uint32_t key = 0;
-    const uint8_t* mac = nullptr;  // inner source MAC, 6 bytes
-    size_t frameLength = 0;        // inner frame length, added to bytesIn
-    uint8_t relayMark = 0;         // 1 when the recursion-control bits were 7
+    const uint8_t* mac = nullptr;       // inner source MAC, 6 bytes
+    size_t frameLength = 0;             // inner frame length, added to bytesIn
+    uint8_t relayMark = 0;              // 1 when the recursion-control bits were 7
     const in_addr* upstream = nullptr;  // gateway address when the VLAN goes upstream
 };
 

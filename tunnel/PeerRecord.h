@@ -47,7 +47,7 @@ struct PeerRecord {
     uint8_t relayMark = 0;  // 1 when the first packet came relayed by another gateway
     uint64_t peerId = 0;    // the peer table's key, see peerIdOf()
     // Guarded by mutex.
-    VlanKeySet vlanKeys;                  // rebuilt from clients after every change
+    VlanKeySet vlanKeys;                 // rebuilt from clients after every change
     std::vector<ClientRecord*> clients;  // not owned; the client cache owns them
     mutable std::mutex mutex;
 
@@ -65,7 +65,7 @@ struct PeerRecord {
     // in no peer's list.
     void rebuildVlanKeys();
 
-private:
+  private:
     void copyFieldsFrom(const PeerRecord& other);
 };
 

@@ -1,8 +1,9 @@
 // The peer table and the client cache. The GRE ingress threads write them
 // (through learn()); the tap threads and the control socket read them through
 // the lookups and snapshots below. Each table's mutex is held only around one
-// lookup, insertion or copy, and the two are never held together. Records are
-// never removed: both tables only grow until the process exits.
+// lookup, insertion or copy, and the two are never held together; copies take
+// each record's own mutex inside the table's. Records are never removed: both
+// tables only grow until the process exits.
 #pragma once
 
 #include <netinet/in.h>
@@ -34,7 +35,7 @@ uint64_t peerIdOf(uint32_t family, const in_addr& ipv4, const in6_addr& ipv6, ui
 uint64_t clientKeyOf(const uint8_t* mac, uint16_t vlan);
 
 class Tables {
-public:
+  public:
     Tables() = default;
     Tables(const Tables&) = delete;
     Tables& operator=(const Tables&) = delete;
@@ -51,8 +52,7 @@ public:
     // Inserts record under key unless the key is taken. Returns the record in
     // the cache: record's own when inserted, else the one already there (and
     // record is freed).
-    ClientRecord* insertClient(uint64_t key, std::unique_ptr<ClientRecord> record,
-                               bool& inserted);
+    ClientRecord* insertClient(uint64_t key, std::unique_ptr<ClientRecord> record, bool& inserted);
 
     // Lookups; null when absent. The pointers stay valid for the process's life.
     PeerRecord* findPeer(uint64_t peerId);
@@ -78,7 +78,7 @@ public:
     size_t peerCount();
     size_t clientCount();
 
-private:
+  private:
     std::vector<PeerRecord> copyPeers(uint32_t vlan, bool all);
 
     std::unordered_map<uint64_t, PeerRecord> peerTable;

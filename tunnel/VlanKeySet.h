@@ -27,7 +27,7 @@ struct VlanKey {
 // and key, and the list is ascending in both. A new pair goes in front of the
 // first pair it sorts before, or at the end.
 class VlanKeySet {
-public:
+  public:
     static bool before(const VlanKey& a, const VlanKey& b) {
         return a.vlan < b.vlan && a.key < b.key;
     }
@@ -46,7 +46,7 @@ public:
     std::vector<VlanKey>::const_iterator begin() const { return pairs.begin(); }
     std::vector<VlanKey>::const_iterator end() const { return pairs.end(); }
 
-private:
+  private:
     std::vector<VlanKey> pairs;
 };
 

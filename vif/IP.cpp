@@ -104,7 +104,7 @@ void IP::openIPv6() {
     setSocketBuffers(logger, sock.get(), name_text);
     // No don't-fragment option: IPv6 routers never fragment anyway.
 
-    // Link-local addresses need the interface's scope to be bound; the test
+    // Link-local addresses need the interface's scope to be bound; the check
     // looks at the first two bytes only (fe80::), which is what link-local
     // addresses carry in practice.
     const bool link_local = ipv6_address.s6_addr[0] == 0xfe && ipv6_address.s6_addr[1] == 0x80;
@@ -245,8 +245,8 @@ void IP::sendDatagram(int fd, pdu::PDU p, const sockaddr* destination, socklen_t
     // sends whole datagrams; a short count without an errno counts as EIO.
     const auto attempt_send = [&]() -> int {
         errno = 0;
-        const ssize_t sent = send_calls.sendto(fd, p.data(), static_cast<size_t>(length), 0,
-                                               destination, size);
+        const ssize_t sent =
+            send_calls.sendto(fd, p.data(), static_cast<size_t>(length), 0, destination, size);
         if (sent == length) return 0;
         return errno != 0 ? errno : EIO;
     };

@@ -60,7 +60,7 @@ std::array<uint8_t, 6> TAP::mac() const {
 }
 
 pdu::PDU TAP::read() {
-    const ssize_t got = ::read(fd, buffer.get(), kReadSize);
+    const ssize_t got = ::read(fd, buffer.get() + kHeadroom, kReadSize);
     if (got < 0) failCall(logger, name_text, "read()");
     // Cannot trigger with a bounded read; kept as a guard on the 16-bit offsets.
     const auto n = static_cast<uint16_t>(got);

@@ -13,9 +13,9 @@
 // failure ("/dev/tap9 open(): No such device").
 
 #include <fcntl.h>
-#include <net/if_arp.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 

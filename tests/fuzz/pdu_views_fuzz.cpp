@@ -43,8 +43,10 @@ void walk(lumora::pdu::PDU frame) {
         ipv4HeaderChecksum(ip);
         if (ip.fragmentOffset() == 0 && ip.protocol() == kProtocolGre) {
             const GrePDU gre = GrePDU::at(ip, ip.innerBegin());
-            if (gre.hasKey()) (void)gre.key();
-            (void)gre.wordAt4();
+            if (gre.hasKey()) {
+                volatile uint32_t key = gre.key() ^ gre.wordAt4();
+                (void)key;
+            }
         }
     }
 }

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ostream>
 #include <string>
 
 #include "AppTestSupport.h"
@@ -79,6 +80,8 @@ struct Case {
     int error;                // thrown int, 0 for none
     void (*check)(const Config&);
 };
+
+void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
 const Case kCases[] = {
     // Comments, blanks and line counting.

@@ -57,7 +57,7 @@ TEST(LearningConcurrency, LearnersAndReadersShareTheTables) {
     std::vector<Mac> macs;
     for (int i = 0; i < kClients; ++i) macs.push_back(test::mac(static_cast<uint8_t>(i)));
 
-    const auto deadline = Clock::now() + std::chrono::seconds(6);
+    const auto deadline = Clock::now() + std::chrono::seconds(4);
     std::atomic<int> learners_left{2};
     std::atomic<uint64_t> learned{0};
     std::atomic<uint64_t> sent{0};

@@ -21,7 +21,7 @@ using test::v6;
 
 // A GRE socket identity that sends nothing.
 class FakeSocket : public vif::GreSocket {
-public:
+  public:
     FakeSocket(uint32_t family, const char* address, std::string interface)
         : own_family(family), interface_name(std::move(interface)) {
         if (family == AF_INET) ipv4 = v4(address);
@@ -35,7 +35,7 @@ public:
     in_addr localIPv4() const override { return ipv4; }
     const in6_addr& localIPv6() const override { return ipv6; }
 
-private:
+  private:
     uint32_t own_family;
     std::string interface_name;
     in_addr ipv4{};

@@ -34,9 +34,10 @@ TEST(LearningLog, ANewPeerAndClientAreEnteredAndLogged) {
 
     const time_t before = time(nullptr);
     ClientRecord* client = learn(tables, &log.logger, s);
-    EXPECT_EQ(log.newLines(),
-              (Lines{"[peers] new peer: 192.0.2.10, vlan: 20, interface: [] (total: 1)",
-                     "[cache] new device: 00:11:22:33:44:55, peer: 192.0.2.10, grekey: 7, vlan: 20"}));
+    EXPECT_EQ(
+        log.newLines(),
+        (Lines{"[peers] new peer: 192.0.2.10, vlan: 20, interface: [] (total: 1)",
+               "[cache] new device: 00:11:22:33:44:55, peer: 192.0.2.10, grekey: 7, vlan: 20"}));
 
     ASSERT_NE(client, nullptr);
     EXPECT_EQ(tables.findClient(m.data(), 20), client);
@@ -190,11 +191,12 @@ TEST(LearningLog, OneAddressOnTwoVlansIsTwoPeers) {
     ClientRecord* b = learn(tables, &log.logger, fromV4("192.0.2.10", 30, m));
     EXPECT_NE(a, b);
     EXPECT_NE(a->peer, b->peer);
-    EXPECT_EQ(log.newLines(),
-              (Lines{"[peers] new peer: 192.0.2.10, vlan: 20, interface: [] (total: 1)",
-                     "[cache] new device: 00:11:22:33:44:55, peer: 192.0.2.10, mapped to vlan: 20",
-                     "[peers] new peer: 192.0.2.10, vlan: 30, interface: [] (total: 2)",
-                     "[cache] new device: 00:11:22:33:44:55, peer: 192.0.2.10, mapped to vlan: 30"}));
+    EXPECT_EQ(
+        log.newLines(),
+        (Lines{"[peers] new peer: 192.0.2.10, vlan: 20, interface: [] (total: 1)",
+               "[cache] new device: 00:11:22:33:44:55, peer: 192.0.2.10, mapped to vlan: 20",
+               "[peers] new peer: 192.0.2.10, vlan: 30, interface: [] (total: 2)",
+               "[cache] new device: 00:11:22:33:44:55, peer: 192.0.2.10, mapped to vlan: 30"}));
 }
 
 TEST(LearningLog, IPv6PeersDifferingInTheirLastTenBytesShareOneRecord) {
@@ -227,17 +229,17 @@ TEST(LearningLog, AnIPv4AndAnIPv6PeerAreNeverTheSame) {
     Tables tables;
     LogCapture log;
     const auto m = mac(0x55);
-    // ::c000:20a carries 192.0.2.10's bytes at the end; the keys differ anyway.
+    // 2001:db8::c000:20a ends in the bytes of 192.0.2.10: still another peer.
     ClientRecord* c = learn(tables, &log.logger, fromV4("192.0.2.10", 0, m));
-    learn(tables, &log.logger, fromV6("::c000:20a", 0, m));
+    learn(tables, &log.logger, fromV6("2001:db8::c000:20a", 0, m));
     EXPECT_EQ(tables.peerCount(), 2u);
-    EXPECT_EQ(c->peerAddressText(), "::c000:20a");
+    EXPECT_EQ(c->peerAddressText(), "2001:db8::c000:20a");
     EXPECT_EQ(log.newLines(),
               (Lines{"[peers] new peer: 192.0.2.10, vlan: 0, interface: [] (total: 1)",
                      "[cache] new device: 00:11:22:33:44:55, peer: 192.0.2.10",
-                     "[peers] new peer: ::c000:20a, vlan: 0, interface: [] (total: 2)",
+                     "[peers] new peer: 2001:db8::c000:20a, vlan: 0, interface: [] (total: 2)",
                      "Reassociating client to peer cache",
-                     "[cache] Update device peer: 00:11:22:33:44:55, peer: ::c000:20a"}));
+                     "[cache] Update device peer: 00:11:22:33:44:55, peer: 2001:db8::c000:20a"}));
 }
 
 TEST(LearningLog, NothingIsWrittenBelowNotice) {

@@ -66,7 +66,7 @@ inline Sighting fromV6(const char* address, uint16_t vlan, const Mac& source) {
 // A Notice-level logger writing to a temporary file; lines() returns what it
 // wrote with the 16-character "HH:MM:SS.uuuuuu " timestamps removed.
 class LogCapture {
-public:
+  public:
     LogCapture() {
         logger.stream = std::tmpfile();
         if (logger.stream == nullptr) throw std::runtime_error("tmpfile");
@@ -103,7 +103,7 @@ public:
 
     Logger logger;
 
-private:
+  private:
     size_t seen = 0;
 };
 

@@ -60,7 +60,8 @@ TEST(TablesSnapshot, PeerPointersSurviveTheTableGrowing) {
     bool inserted = false;
     size_t total = 0;
     PeerRecord* first = tables.insertPeer(candidate("192.0.2.1", 1), inserted, total);
-    for (uint16_t vlan = 2; vlan < 2000; ++vlan) tables.insertPeer(candidate("192.0.2.1", vlan), inserted, total);
+    for (uint16_t vlan = 2; vlan < 2000; ++vlan)
+        tables.insertPeer(candidate("192.0.2.1", vlan), inserted, total);
     EXPECT_EQ(total, 1999u);
     EXPECT_EQ(tables.findPeer(peerIdOf(AF_INET, v4("192.0.2.1"), in6_addr{}, 1)), first);
     EXPECT_EQ(first->vlan, 1);

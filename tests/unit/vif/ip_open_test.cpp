@@ -23,8 +23,8 @@ TEST_F(VifNetTest, IPv4EndpointOpensBoundAndAnnounced) {
             ScopedNetns in(hub);
             endpoint = std::make_unique<IP>(capture.logger(), ipv4("192.0.2.1"), "vxh0");
         }
-        EXPECT_EQ(capture.lines(), (Lines{"vxh0 (ip://192.0.2.1) mtu: 1480",
-                                          "vxh0 (ip://192.0.2.1) ready"}));
+        EXPECT_EQ(capture.lines(),
+                  (Lines{"vxh0 (ip://192.0.2.1) mtu: 1480", "vxh0 (ip://192.0.2.1) ready"}));
         EXPECT_STREQ(endpoint->name(), "vxh0 (ip://192.0.2.1)");
         EXPECT_EQ(endpoint->mtu(), 1480);
         EXPECT_EQ(endpoint->family(), static_cast<uint32_t>(AF_INET));
@@ -45,8 +45,8 @@ TEST_F(VifNetTest, IPv6EndpointOpensBoundAndAnnounced) {
             ScopedNetns in(hub);
             endpoint = std::make_unique<IP>(capture.logger(), ipv6("2001:db8::1"), "vxh0");
         }
-        EXPECT_EQ(capture.lines(), (Lines{"vxh0 (ip://2001:db8::1) mtu: 1480",
-                                          "vxh0 (ip://2001:db8::1) ready"}));
+        EXPECT_EQ(capture.lines(),
+                  (Lines{"vxh0 (ip://2001:db8::1) mtu: 1480", "vxh0 (ip://2001:db8::1) ready"}));
         EXPECT_EQ(endpoint->family(), static_cast<uint32_t>(AF_INET6));
         EXPECT_EQ(endpoint->senderFamily(), static_cast<uint32_t>(AF_INET6));
         EXPECT_EQ(text(endpoint->localIPv6()), "2001:db8::1");
@@ -82,8 +82,8 @@ TEST_F(VifNetTest, WildcardEndpointSkipsTheInterfaceAndCutsItsName) {
     IP endpoint(capture.logger(), ipv4("0.0.0.0"), interface);
     const std::string full = interface + " (ip://0.0.0.0)";
     EXPECT_EQ(std::string(endpoint.name()), full.substr(0, 63));
-    EXPECT_EQ(capture.lines(), (Lines{full.substr(0, 63) + " mtu: 1480",
-                                      full.substr(0, 63) + " ready"}));
+    EXPECT_EQ(capture.lines(),
+              (Lines{full.substr(0, 63) + " mtu: 1480", full.substr(0, 63) + " ready"}));
 }
 
 TEST_F(VifNetTest, MissingInterfaceThrowsAndLeavesNothingOpen) {

@@ -33,8 +33,13 @@ Bytes grePayload(size_t size) {
 // and length filled in, so the kernel sends it unchanged.
 Bytes ipv4Datagram(const Bytes& options, const Bytes& payload) {
     const size_t header = 20 + options.size();
-    Bytes out = {static_cast<uint8_t>(0x40 | header / 4), 0x00, 0, 0, 0x12, 0x34, 0x40, 0x00,
-                 64, 47, 0, 0, 192, 0, 2, 2, 192, 0, 2, 1};
+    // clang-format off
+    Bytes out = {static_cast<uint8_t>(0x40 | header / 4), 0x00, 0, 0,  // version, IHL, length
+                 0x12, 0x34, 0x40, 0x00,                               // id, DF
+                 64, 47, 0, 0,                                         // TTL, GRE, checksum
+                 192, 0, 2, 2,                                         // source
+                 192, 0, 2, 1};                                        // destination
+    // clang-format on
     out.insert(out.end(), options.begin(), options.end());
     const size_t total = header + payload.size();
     out[2] = static_cast<uint8_t>(total >> 8);
@@ -97,7 +102,8 @@ ssize_t alteredRecvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* 
                         socklen_t* length) {
     ssize_t got = ::recvfrom(fd, buffer, size, flags, from, length);
     if (got <= 0) return got;
-    if (forced_header_byte >= 0) static_cast<uint8_t*>(buffer)[0] = static_cast<uint8_t>(forced_header_byte);
+    if (forced_header_byte >= 0)
+        static_cast<uint8_t*>(buffer)[0] = static_cast<uint8_t>(forced_header_byte);
     if (forced_count >= 0) got = forced_count;
     if (forced_errno != 0) {
         errno = forced_errno;

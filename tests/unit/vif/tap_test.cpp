@@ -1,6 +1,8 @@
 // The tap endpoint against real tap interfaces in the hub namespace: frames
 // sent out of the interface with a packet socket are what read returns, and
 // frames written appear on the interface.
+#include "vif/TAP"
+
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
@@ -15,7 +17,6 @@
 #include <string>
 #include <vector>
 
-#include "vif/TAP"
 #include "vif_harness.h"
 
 namespace vxbrd_test {
@@ -128,8 +129,8 @@ TEST_F(TapTest, MtuRangeIs72To1500AndReachesTheKernel) {
     }
     EXPECT_EQ(tap->mtu(), 1500);
     EXPECT_EQ(mtuIn(hub, "vxtap0"), 1500);
-    EXPECT_EQ(capture.lines(), (Lines{"vxtap0 invalid MTU requested: 71",
-                                      "vxtap0 invalid MTU requested: 1501"}));
+    EXPECT_EQ(capture.lines(),
+              (Lines{"vxtap0 invalid MTU requested: 71", "vxtap0 invalid MTU requested: 1501"}));
 }
 
 TEST_F(TapTest, FrameSentOutOfTheInterfaceIsReadBehindTheHeadroom) {
@@ -146,8 +147,8 @@ TEST_F(TapTest, FrameSentOutOfTheInterfaceIsReadBehindTheHeadroom) {
     to.sll_halen = 6;
     std::copy(kOtherMac.begin(), kOtherMac.end(), to.sll_addr);
     const Bytes frame = ethernetFrame(kOtherMac, kTapMac, 1514);
-    ASSERT_EQ(sendto(sender.get(), frame.data(), frame.size(), 0,
-                     reinterpret_cast<sockaddr*>(&to), sizeof to),
+    ASSERT_EQ(sendto(sender.get(), frame.data(), frame.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                     sizeof to),
               1514)
         << std::strerror(errno);
 

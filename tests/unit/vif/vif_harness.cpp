@@ -184,8 +184,8 @@ void VifNetTest::SetUp() {
     if (!needs_link) return;
     bool running = false;
     for (int i = 0; i < 300 && !running; ++i) {
-        running = (flagsIn(hub, "vxh0") & IFF_RUNNING) != 0 &&
-                  (flagsIn(ap, "vxa0") & IFF_RUNNING) != 0;
+        running =
+            (flagsIn(hub, "vxh0") & IFF_RUNNING) != 0 && (flagsIn(ap, "vxa0") & IFF_RUNNING) != 0;
         if (!running) usleep(10000);
     }
     ASSERT_TRUE(running) << "veth pair not running after 3 s";
