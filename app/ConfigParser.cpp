@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <strings.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -20,9 +21,9 @@ namespace lumora {
 
 namespace {
 
-constexpr int kInvalid = 22;     // EINVAL: every fatal error but a failed open
-constexpr int kMaxTokens = 8;    // tokens looked at per line; the rest is ignored
-constexpr int kLineBuffer = 256; // fgets piece: longer lines are read as several
+constexpr int kInvalid = 22;      // EINVAL: every fatal error but a failed open
+constexpr int kMaxTokens = 8;     // tokens looked at per line; the rest is ignored
+constexpr int kLineBuffer = 256;  // fgets piece: longer lines are read as several
 
 bool matches(const char* text, const std::regex& pattern) {
     return std::regex_match(text, pattern);
@@ -44,12 +45,12 @@ __attribute__((format(printf, 1, 2))) void diagnose(const char* format, ...) {
 
 // One line (or one 255-byte piece of a longer line) at a time.
 class LineParser {
-public:
+  public:
     LineParser(Config& cfg, const char* path) : cfg(cfg), path(path) {}
 
     void parse(char* line, int number);
 
-private:
+  private:
     void tapLine();
     void forwardLine();
     void mssLine();
@@ -247,9 +248,10 @@ void LineParser::greKeyLine() {
     const char* mode = tokens[2];
     if (mode == nullptr) {
         // "prefervlen" is how this message has always spelled it.
-        diagnose("%s:%d missing GRE key mode type (ignore, reject, require, vlanmap, "
-                 "preferkey, prefervlen)\n",
-                 path, line);
+        diagnose(
+            "%s:%d missing GRE key mode type (ignore, reject, require, vlanmap, "
+            "preferkey, prefervlen)\n",
+            path, line);
         fail();
     }
     static constexpr struct {

@@ -110,13 +110,14 @@ void openTapEndpoints(Logger& logger) {
             logger.log(Warning, "duplicate vlan entry for vid %d", tap.vid);
             continue;
         }
-        logger.log(Notice, "interface: %s, vlan: %d, vlan-isolation: %s", tap.name.c_str(),
-                   tap.vid, tap.isolate ? "true" : "false");
+        logger.log(Notice, "interface: %s, vlan: %d, vlan-isolation: %s", tap.name.c_str(), tap.vid,
+                   tap.isolate ? "true" : "false");
         const auto parent = parent_interfaces.find(tap.name);
         if (parent != parent_interfaces.end()) {
             // The parser accepted the parent only if discovery had found it.
             logger.log(Notice, "interface: %s parent interface: %s (%s)", tap.name.c_str(),
-                       parent->second.c_str(), macText(system_interfaces.at(parent->second)).c_str());
+                       parent->second.c_str(),
+                       macText(system_interfaces.at(parent->second)).c_str());
         }
         served.set(tap.vid);
         // The tap endpoint for this line (stored in runtime.taps_by_vid) and
@@ -136,7 +137,8 @@ void logForwarding(Logger& logger) {
 
 int daemonMain(int argc, char** argv) {
     // Syslog mode at Warning until the options say otherwise. It lives in
-    // this frame, which never returns, so every thread may keep a pointer.
+    // this frame, which no longer returns once threads exist, so every
+    // thread may keep a plain pointer to it.
     Logger logger;
 
     const CommandLine command_line = parseCommandLine(argc, argv, logger);

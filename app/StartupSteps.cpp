@@ -1,6 +1,7 @@
 #include "app/StartupSteps.h"
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
 
 #include <cstdio>
 

@@ -13,8 +13,8 @@ constexpr const char* kBuildHost = "";
 
 std::string versionString() {
     std::ostringstream text;
-    text << kVersion << " [" << kBuildDate << "]" << " [" << kBuildTag << " (" << kBuildHost
-         << ")]";
+    text << kVersion << " [" << kBuildDate << "]"
+         << " [" << kBuildTag << " (" << kBuildHost << ")]";
     return text.str();
 }
 

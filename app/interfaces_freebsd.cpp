@@ -2,11 +2,11 @@
 #error "interfaces_freebsd.cpp is the FreeBSD backend; build interfaces_linux.cpp instead"
 #endif
 
-#include <sys/types.h>
-#include <sys/socket.h>
 #include <net/if.h>
 #include <net/if_dl.h>
 #include <net/if_types.h>
+#include <sys/socket.h>
+#include <sys/types.h>
 
 #include <cstring>
 #include <regex>

@@ -22,12 +22,18 @@ size_t lengthOf(PDU p) { return p.length(); }
 // What follows an Ethernet header or a tag.
 void dumpByEthertype(PDU p, uint16_t ethertype, uint16_t begin, FILE* out, int depth) {
     switch (ethertype) {
-        case kEthertypeIPv4: return dump(IPv4PDU::at(p, begin), out, depth);
-        case kEthertypeArp: return dump(ArpPDU::at(p, begin), out, depth);
-        case kEthertypeVlan: return dump(VlanPDU::at(p, begin), out, depth);
-        case kEthertypeIPv6: return dump(IPv6PDU::at(p, begin), out, depth);
-        case kEthertypeQinQ: return dump(QinQPDU::at(p, begin), out, depth);
-        default: return;
+        case kEthertypeIPv4:
+            return dump(IPv4PDU::at(p, begin), out, depth);
+        case kEthertypeArp:
+            return dump(ArpPDU::at(p, begin), out, depth);
+        case kEthertypeVlan:
+            return dump(VlanPDU::at(p, begin), out, depth);
+        case kEthertypeIPv6:
+            return dump(IPv6PDU::at(p, begin), out, depth);
+        case kEthertypeQinQ:
+            return dump(QinQPDU::at(p, begin), out, depth);
+        default:
+            return;
     }
 }
 
@@ -101,12 +107,18 @@ void dump(IPv4PDU ip, FILE* out, int depth) {
     if (ip.fragmentOffset() != 0) return;
     const uint16_t begin = ip.innerBegin();
     switch (ip.protocol()) {
-        case kProtocolIcmpv4: return dump(Icmpv4PDU::at(ip, begin), out, depth + 1);
-        case kProtocolIPv4: return dump(IPv4PDU::at(ip, begin), out, depth + 1);
-        case kProtocolTcp: return dump(TcpPDU::at(ip, begin), out, depth + 1);
-        case kProtocolUdp: return dump(UdpPDU::at(ip, begin), out, depth + 1);
-        case kProtocolGre: return dump(GrePDU::at(ip, begin), out, depth + 1);
-        default: return;
+        case kProtocolIcmpv4:
+            return dump(Icmpv4PDU::at(ip, begin), out, depth + 1);
+        case kProtocolIPv4:
+            return dump(IPv4PDU::at(ip, begin), out, depth + 1);
+        case kProtocolTcp:
+            return dump(TcpPDU::at(ip, begin), out, depth + 1);
+        case kProtocolUdp:
+            return dump(UdpPDU::at(ip, begin), out, depth + 1);
+        case kProtocolGre:
+            return dump(GrePDU::at(ip, begin), out, depth + 1);
+        default:
+            return;
     }
 }
 
@@ -122,11 +134,16 @@ void dump(IPv6PDU ip, FILE* out, int depth) {
     std::fputc('\n', out);
     const uint16_t begin = ip.innerBegin();
     switch (ip.nextHeader()) {
-        case kProtocolTcp: return dump(TcpPDU::at(ip, begin), out, depth + 1);
-        case kProtocolUdp: return dump(UdpPDU::at(ip, begin), out, depth + 1);
-        case kProtocolGre: return dump(GrePDU::at(ip, begin), out, depth + 1);
-        case kProtocolIcmpv6: return dump(Icmpv6PDU::at(ip, begin), out, depth + 1);
-        default: return;
+        case kProtocolTcp:
+            return dump(TcpPDU::at(ip, begin), out, depth + 1);
+        case kProtocolUdp:
+            return dump(UdpPDU::at(ip, begin), out, depth + 1);
+        case kProtocolGre:
+            return dump(GrePDU::at(ip, begin), out, depth + 1);
+        case kProtocolIcmpv6:
+            return dump(Icmpv6PDU::at(ip, begin), out, depth + 1);
+        default:
+            return;
     }
 }
 

@@ -67,7 +67,7 @@ struct TagPDU : PDU {
     uint16_t ethertype() const { return load16(data() + 2); }
     void setEthertype(uint16_t type) const { store16(data() + 2, type); }
 
-protected:
+  protected:
     TagPDU() = default;
 };
 

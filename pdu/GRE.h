@@ -55,8 +55,8 @@ struct GrePDU : PDU {
     uint8_t recursionControl() const { return data()[0] & kGreRecursionMask; }
     // Leaves the other bits of the first byte as they are.
     void setRecursionControl(uint8_t value) const {
-        data()[0] = static_cast<uint8_t>((data()[0] & ~kGreRecursionMask) |
-                                         (value & kGreRecursionMask));
+        data()[0] =
+            static_cast<uint8_t>((data()[0] & ~kGreRecursionMask) | (value & kGreRecursionMask));
     }
     uint16_t protocol() const { return load16(data() + 2); }
 

@@ -16,7 +16,7 @@ namespace lumora::test {
 
 // A file with the given content under /tmp, removed again on destruction.
 class TempFile {
-public:
+  public:
     explicit TempFile(const std::string& content) {
         char name[] = "/tmp/vxbrd-app-test-XXXXXX";
         const int fd = mkstemp(name);
@@ -36,7 +36,7 @@ public:
 
     const std::string& path() const { return path_; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -50,7 +50,7 @@ inline std::string readFile(const std::string& path) {
 // Redirects a standard descriptor (1 or 2) into a temporary file for the
 // lifetime of the object; text() restores it and returns what was written.
 class CapturedOutput {
-public:
+  public:
     explicit CapturedOutput(int fd) : fd_(fd), file_("") {
         flushAll();
         saved_ = ::dup(fd_);
@@ -67,7 +67,7 @@ public:
         return readFile(file_.path());
     }
 
-private:
+  private:
     static void flushAll() {
         std::fflush(stdout);
         std::fflush(stderr);

@@ -72,7 +72,8 @@ TEST(CommandLine, Defaults) {
 
 TEST(CommandLine, ForegroundPathsAndVerbosityInOrder) {
     Logger logger;
-    const ParseResult run = parse(logger, {"-v", "-c", "/tmp/a.conf", "-f", "-p/tmp/x.pid", "-vq", "-v"});
+    const ParseResult run =
+        parse(logger, {"-v", "-c", "/tmp/a.conf", "-f", "-p/tmp/x.pid", "-vq", "-v"});
     EXPECT_FALSE(run.result.exit_status);
     EXPECT_EQ(run.result.options.config_path, "/tmp/a.conf");
     EXPECT_EQ(run.result.options.pid_path, "/tmp/x.pid");

@@ -175,8 +175,8 @@ const Case kCases[] = {
          expectOneTap(c, "tap2", 30, true);
          EXPECT_EQ(parent_interfaces.at("tap2"), "tap3");
      }},
-    {"TapParentMissing", "tap2 30 parent-interface\n",
-     "@:1 missing argument (parent-interface)\n", 22, expectDefaults},
+    {"TapParentMissing", "tap2 30 parent-interface\n", "@:1 missing argument (parent-interface)\n",
+     22, expectDefaults},
     {"TapParentNotFound", "tap2 30 parent-interface em7\n",
      "@:1 parent interface \"em7\" not found\n", 22, expectDefaults},
     {"TapParentInSeventhSlotTakesTheEighth", "tap0 5 a b c d parent-interface em0\n",
@@ -230,8 +230,8 @@ const Case kCases[] = {
      "@:1 unknown vlan operation: \"bridge\"\n", 22, expectDefaults},
     {"ForwardOperationIgnoresCase", "vlan10 FORWARD-TO-VYM 192.0.2.1\n", "", 0,
      [](const Config& c) { expectForward(c, 10, "192.0.2.1"); }},
-    {"ForwardAddressMissing", "vlan10 forward-to-vym\n", "@:1 missing argument (ip address)\n",
-     22, expectDefaults},
+    {"ForwardAddressMissing", "vlan10 forward-to-vym\n", "@:1 missing argument (ip address)\n", 22,
+     expectDefaults},
     {"ForwardIPv6IsWarnedAndDropped", "vlan10 forward-to-vym 2001:db8::1\n",
      "@:1 IPv6 Not supported for forward-to-vym '2001:db8::1'\n", 0,
      [](const Config& c) {
@@ -331,8 +331,8 @@ const Case kCases[] = {
      [](const Config& c) { EXPECT_EQ(c.gre_key, 4294967296u); }},
     {"GreKeyRequireExtraTokensIgnored", "grekey mode require 5 x\n", "", 0,
      [](const Config& c) { EXPECT_EQ(c.gre_key, 5u); }},
-    {"GreKeyExtraArgument", "grekey mode ignore 5\n",
-     "@:1 Unknown extra GRE Key argument '5'\n", 22, noCheck},
+    {"GreKeyExtraArgument", "grekey mode ignore 5\n", "@:1 Unknown extra GRE Key argument '5'\n",
+     22, noCheck},
     {"GreKeyTrailingCommentIsAnExtraArgument", "grekey mode vlanmap # tagged\n",
      "@:1 Unknown extra GRE Key argument 'tagged'\n", 22,
      [](const Config& c) { EXPECT_EQ(c.gre_key_mode, VlanMap); }},
@@ -349,7 +349,7 @@ const Case kCases[] = {
 };
 
 class ConfigParserTest : public ::testing::TestWithParam<Case> {
-protected:
+  protected:
     void SetUp() override {
         config = Config{};
         parent_interfaces.clear();

@@ -37,7 +37,7 @@ void recordSyslog(int priority, const char* format, ...) {
 }
 
 class DaemonTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char name[] = "/tmp/vxbrd-daemon-test-XXXXXX";
         ASSERT_NE(mkdtemp(name), nullptr);

@@ -17,7 +17,7 @@ namespace {
 
 // Owns the nodes and addresses of a fake getifaddrs list.
 class FakeList {
-public:
+  public:
     FakeList& link(const char* name, unsigned short hatype, const MacAddress& mac,
                    unsigned char halen = 6) {
         sockaddr_ll& ll = packets.emplace_back();
@@ -43,7 +43,7 @@ public:
 
     const ifaddrs* head() const { return nodes.empty() ? nullptr : &nodes.front(); }
 
-private:
+  private:
     FakeList& add(const char* name, sockaddr* address) {
         ifaddrs& node = nodes.emplace_back();
         node = ifaddrs{};

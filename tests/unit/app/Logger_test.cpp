@@ -18,7 +18,7 @@ namespace {
 
 // A memory stream for a logger: what was written, once closed.
 class MemoryStream {
-public:
+  public:
     MemoryStream() : file(open_memstream(&data, &size)) {}
     ~MemoryStream() {
         close();
@@ -30,7 +30,7 @@ public:
         return std::string(data, size);
     }
 
-private:
+  private:
     void close() {
         if (file != nullptr) std::fclose(file);
         file = nullptr;

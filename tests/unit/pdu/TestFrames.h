@@ -41,7 +41,7 @@ inline std::vector<uint8_t> hexBytes(std::string_view text) {
 // A frame placed behind `headroom` bytes, followed by `tailroom` spare bytes;
 // pdu() spans the frame, with _cap the size of the whole buffer.
 class Frame {
-public:
+  public:
     explicit Frame(std::string_view hex, uint16_t headroom = 0, uint16_t tailroom = 0)
         : Frame(hexBytes(hex), headroom, tailroom) {}
     Frame(const std::vector<uint8_t>& bytes, uint16_t headroom = 0, uint16_t tailroom = 0)
@@ -66,7 +66,7 @@ public:
     }
     uint8_t* at(size_t offset) { return buffer.data() + begin + offset; }
 
-private:
+  private:
     std::vector<uint8_t> buffer;
     uint16_t begin;
     uint16_t end = 0;

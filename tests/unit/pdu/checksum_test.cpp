@@ -13,7 +13,8 @@ using test::hexBytes;
 TEST(Ipv4HeaderChecksum, ZeroFieldGetsTheComputedChecksum) {
     Frame frame("45 00 00 73 00 00 40 00 40 11 00 00 c0 a8 00 01 c0 a8 00 c7", 14, 0);
     ipv4HeaderChecksum(IPv4PDU::at(frame.pdu(), 14));
-    EXPECT_EQ(frame.bytes(), hexBytes("45 00 00 73 00 00 40 00 40 11 b8 61 c0 a8 00 01 c0 a8 00 c7"));
+    EXPECT_EQ(frame.bytes(),
+              hexBytes("45 00 00 73 00 00 40 00 40 11 b8 61 c0 a8 00 01 c0 a8 00 c7"));
 }
 
 TEST(Ipv4HeaderChecksum, NonZeroFieldIsKeptEvenWhenWrong) {
@@ -25,7 +26,8 @@ TEST(Ipv4HeaderChecksum, NonZeroFieldIsKeptEvenWhenWrong) {
 
 TEST(Ipv4HeaderChecksum, OptionsAreSummedButNotThePayload) {
     // IHL 6: the sixth word pair (01 02 03 04) counts; the payload does not.
-    Frame frame("46 00 00 1c 00 00 40 00 40 11 00 00 c0 a8 00 01 c0 a8 00 c7 01 02 03 04 ff ff ff ff");
+    Frame frame(
+        "46 00 00 1c 00 00 40 00 40 11 00 00 c0 a8 00 01 c0 a8 00 c7 01 02 03 04 ff ff ff ff");
     ipv4HeaderChecksum(IPv4PDU::at(frame.pdu(), 0));
     // 0x4600+0x001c+0x4000+0x4011+0xc0a8+0x0001+0xc0a8+0x00c7+0x0102+0x0304 = 0x24c4b
     // -> 0x4c4d -> complement 0xb3b2.

@@ -163,8 +163,8 @@ bool stillRunningAfter(const std::string& hex, std::chrono::milliseconds wait) {
 
 TEST(ClampMSS, ZeroLengthOptionOfUnknownKindNeverEnds) {
     EXPECT_TRUE(stillRunningAfter(syn("60", "12 34", "fe 00 02 04"), std::chrono::seconds(1)));
-    EXPECT_TRUE(stillRunningAfter(syn("70", "12 34", "01 01 02 04 05 b4 08 00"),
-                                  std::chrono::seconds(1)));
+    EXPECT_TRUE(
+        stillRunningAfter(syn("70", "12 34", "01 01 02 04 05 b4 08 00"), std::chrono::seconds(1)));
 }
 
 TEST(ClampMSS, WatchdogSeesAWalkThatEnds) {

@@ -1,11 +1,12 @@
 // Decoded dumps: byte-exact lines for every layer, the walk between them and
 // where it stops or throws.
+#include "pdu/Dump.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "TestFrames.h"
-#include "pdu/Dump.h"
 
 namespace lumora::pdu {
 namespace {

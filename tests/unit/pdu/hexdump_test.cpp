@@ -17,9 +17,8 @@ using test::Frame;
 std::string hexOf(const char* hex) {
     Frame frame(hex, 8, 8);
     const std::string viaPdu = capture([&](FILE* out) { dumpHex(frame.pdu(), out); }).text;
-    const std::string viaPointer = capture([&](FILE* out) {
-                                       dumpHex(frame.at(0), frame.pdu().length(), out);
-                                   }).text;
+    const std::string viaPointer =
+        capture([&](FILE* out) { dumpHex(frame.at(0), frame.pdu().length(), out); }).text;
     EXPECT_EQ(viaPdu, viaPointer);
     return viaPdu;
 }

@@ -31,7 +31,9 @@ void* allocateAligned(std::size_t size, std::align_val_t alignment) {
     return memory;
 }
 
-void release(void* memory) {
+// Kept out of line: once inlined into operator delete and from there into a
+// new-expression, GCC takes the free() for a mismatch with operator new.
+[[gnu::noinline]] void release(void* memory) {
     if (memory == nullptr) return;
     deallocations.fetch_add(1, std::memory_order_relaxed);
     std::free(memory);

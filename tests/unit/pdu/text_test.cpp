@@ -1,4 +1,6 @@
 // MAC and IP address text, and the per-thread buffers behind it.
+#include "pdu/Text.h"
+
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -9,7 +11,6 @@
 
 #include "TestFrames.h"
 #include "pdu/Ethernet.h"
-#include "pdu/Text.h"
 
 namespace lumora::pdu {
 namespace {

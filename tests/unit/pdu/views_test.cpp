@@ -1,5 +1,7 @@
 // Making views: index order, minimum lengths at every truncation, the header
 // length checks of IPv4, TCP and GRE, and the field accessors.
+#include "pdu/Views.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -8,7 +10,6 @@
 #include <vector>
 
 #include "TestFrames.h"
-#include "pdu/Views.h"
 
 namespace lumora::pdu {
 namespace {

@@ -97,7 +97,9 @@ TEST_P(StrideTest, EveryLengthMatchesTheModel) {
         }
     }
     EXPECT_GT(lost_tails, 0u);
-    if ((c.expected & 7) >= 4) EXPECT_GT(extra_pieces, 0u);
+    if ((c.expected & 7) >= 4) {
+        EXPECT_GT(extra_pieces, 0u);
+    }
     EXPECT_TRUE(log.lines().empty());
 }
 
