@@ -6,9 +6,11 @@
 
 #include <unistd.h>
 
-#include <bitset>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 #include "app/CommandLine.h"
 #include "app/Config.h"
@@ -18,10 +20,36 @@
 #include "app/StartupSteps.h"
 #include "app/Version.h"
 #include "app/interfaces.h"
+#include "control/ControlSocket.h"
+#include "tunnel/Context.h"
+#include "tunnel/Egress.h"
+#include "tunnel/Ingress.h"
+#include "vif/IP"
+#include "vif/TAP"
 
 namespace lumora {
 
 namespace {
+
+// The threads main starts. They live in main's frame, which never returns,
+// and are never joined.
+struct Threads {
+    std::thread control;
+    std::vector<std::thread> gre;
+    std::vector<std::thread> taps = std::vector<std::thread>(kVlanCount);
+};
+
+// A thread that cannot be started ends the daemon: it would run without a
+// part of its work.
+template <typename... Args>
+std::thread startThread(Logger& logger, Args&&... args) {
+    try {
+        return std::thread(std::forward<Args>(args)...);
+    } catch (const std::system_error& error) {
+        logger.log(Error, "Critical error - %s (%d)", error.what(), error.code().value());
+        std::exit(-1);
+    }
+}
 
 void discoverHostInterfaces(Logger& logger) {
     try {
@@ -44,7 +72,7 @@ void loadConfiguration(Logger& logger, const std::string& path) {
 
 // A "server" line in the file wins over -s.
 void settleSendAll(const Options& options) {
-    SendAll& send_all = runtime.send_all;
+    SendAll& send_all = tunnelContext().send_all;
     send_all = options.send_all;
     if (config.server_family != 0) {
         send_all.ipv4 = config.server_ipv4;
@@ -55,7 +83,7 @@ void settleSendAll(const Options& options) {
 }
 
 void logTunnelPolicy(Logger& logger) {
-    const SendAll& send_all = runtime.send_all;
+    const SendAll& send_all = tunnelContext().send_all;
     if (send_all.family == 1) {
         logger.log(Error, "Sending all traffic to %s", addressText(send_all.ipv4).c_str());
     } else if (send_all.family == 2) {
@@ -69,8 +97,19 @@ void logTunnelPolicy(Logger& logger) {
     }
 }
 
-// One GRE endpoint per local address, IPv4 interfaces first, each in name order.
-void openGreEndpoints(Logger& logger) {
+// The first endpoint of each family also carries server-mode traffic.
+void startGreEndpoint(Logger& logger, Threads& threads, vif::IP* endpoint) {
+    TunnelContext& context = tunnelContext();
+    vif::GreSocket* none = nullptr;
+    auto& server_socket =
+        endpoint->family() == AF_INET6 ? context.server_socket_ipv6 : context.server_socket_ipv4;
+    server_socket.compare_exchange_strong(none, endpoint, std::memory_order_release);
+    threads.gre.push_back(startThread(logger, runGreIngress, &logger, endpoint));
+}
+
+// One GRE endpoint per local address, IPv4 interfaces first, each in name
+// order. Endpoints live as long as the process.
+void openGreEndpoints(Logger& logger, Threads& threads) {
     for (const auto& [name, addresses] : runtime.ipv4_addresses) {
         if (skipsVlanInterface(name, addresses.size())) {
             logger.log(Notice, "Skipping interface: %s (%s). VLAN interface with > 2 ipaddrs (%d)",
@@ -81,47 +120,55 @@ void openGreEndpoints(Logger& logger) {
         for (const in_addr& address : addresses) {
             logger.log(Notice, "Listening on interface: %s (%s)", name.c_str(),
                        addressText(address).c_str());
-            // GRE endpoint (IPv4) for this address and its receive thread go here.
+            startGreEndpoint(logger, threads, new vif::IP(&logger, address, name));
         }
     }
     for (const auto& [name, addresses] : runtime.ipv6_addresses) {
         for (const in6_addr& address : addresses) {
             logger.log(Notice, "Listening on interface: %s (%s)", name.c_str(),
                        addressText(address).c_str());
-            // GRE endpoint (IPv6) for this address and its receive thread go here.
+            startGreEndpoint(logger, threads, new vif::IP(&logger, address, name));
         }
     }
 }
 
+// The "any" endpoint on the wildcard address reaches the upstream gateways;
+// it has no thread of its own.
 void openForwardingEndpoint(Logger& logger) {
     if (config.forward_servers.empty()) return;
     logger.log(Notice, "Listening for forwarding on all IPv4 addresses");
-    // The "any" endpoint on the wildcard address, which becomes
-    // runtime.forward_socket, is created here; it has no thread of its own.
+    in_addr any{};
+    any.s_addr = htonl(INADDR_ANY);
+    tunnelContext().forward_socket.store(new vif::IP(&logger, any, "any"),
+                                         std::memory_order_release);
 }
 
 // One tap endpoint per tap line, in file order; the first line for a VLAN wins.
-void openTapEndpoints(Logger& logger) {
-    // Mirrors the filled slots of runtime.taps_by_vid: every line that gets
-    // past the duplicate check gets its tap endpoint or ends the process.
-    std::bitset<4096> served;
+void openTapEndpoints(Logger& logger, Threads& threads) {
+    TunnelContext& context = tunnelContext();
     for (const InterfaceConfig& tap : config.interfaces) {
-        if (served.test(tap.vid)) {
+        if (context.taps_by_vid[tap.vid].load(std::memory_order_relaxed) != nullptr) {
             logger.log(Warning, "duplicate vlan entry for vid %d", tap.vid);
             continue;
         }
-        logger.log(Notice, "interface: %s, vlan: %d, vlan-isolation: %s", tap.name.c_str(), tap.vid,
-                   tap.isolate ? "true" : "false");
+        logger.log(Notice, "interface: %s, vlan: %d, vlan-isolation: %s", tap.name.c_str(),
+                   tap.vid, tap.isolate ? "true" : "false");
         const auto parent = parent_interfaces.find(tap.name);
         if (parent != parent_interfaces.end()) {
             // The parser accepted the parent only if discovery had found it.
             logger.log(Notice, "interface: %s parent interface: %s (%s)", tap.name.c_str(),
-                       parent->second.c_str(),
-                       macText(system_interfaces.at(parent->second)).c_str());
+                       parent->second.c_str(), macText(system_interfaces.at(parent->second)).c_str());
         }
-        served.set(tap.vid);
-        // The tap endpoint for this line (stored in runtime.taps_by_vid) and
-        // its TAP thread are created here.
+        vif::TAP* endpoint = nullptr;
+        try {
+            // The name lives in the configuration, which outlives the endpoint.
+            endpoint = new vif::TAP(&logger, tap.name.c_str());
+        } catch (int) {
+            logger.log(Error, "Critical error - cannot open TAP interface. Exiting.");
+            std::exit(-1);
+        }
+        context.taps_by_vid[tap.vid].store(endpoint, std::memory_order_release);
+        threads.taps[tap.vid] = startThread(logger, runTapEgress, &logger, endpoint, tap.vid);
         runtime.isolation_by_vid[tap.vid] = tap.isolate;
     }
 }
@@ -153,11 +200,19 @@ int daemonMain(int argc, char** argv) {
     // Before any thread exists, so that every thread belongs to the daemon.
     if (options.daemonize) daemonize(logger, options.pid_path.c_str());
 
+    tunnelContext().logger = &logger;
     logTunnelPolicy(logger);
-    // The control socket thread is started here, before any tunnel endpoint.
-    openGreEndpoints(logger);
-    openForwardingEndpoint(logger);
-    openTapEndpoints(logger);
+    Threads threads;
+    threads.control = startThread(logger, controlSocketServer, std::string(kControlSocketPath),
+                                  std::ref(Tables::process()));
+    try {
+        openGreEndpoints(logger, threads);
+        openForwardingEndpoint(logger);
+    } catch (int error) {
+        logger.log(Error, "exception caught: %d", error);
+        std::exit(1);
+    }
+    openTapEndpoints(logger, threads);
     logForwarding(logger);
 
     // The threads do the work; main only has to stay alive.

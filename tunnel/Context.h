@@ -15,20 +15,13 @@
 
 #include "app/Config.h"
 #include "app/Logger.h"
+#include "app/Runtime.h"
 #include "tunnel/Tables.h"
 #include "vif/VIF"
 
 namespace lumora {
 
 inline constexpr size_t kVlanCount = 4096;
-
-// Server mode (-s or "server"): every frame goes to this one address.
-struct SendAll {
-    in_addr ipv4{};
-    uint8_t family = 0;  // 0 none, 1 IPv4, 2 IPv6
-    in6_addr ipv6{};
-    uint16_t mtu = 0;  // the configured "mtu"; 0 when not set
-};
 
 struct TunnelContext {
     Logger* logger = nullptr;
