@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
-# The built-in demo, as root: builds vxbrd and runs it in a throw-away network
-# namespace with a sample configuration, in the foreground at -vv, so you can
-# watch interface discovery and configuration; then stops it and cleans up.
+# The built-in demo, as root: builds vxbrd and runs a real layer-2 tunnel
+# between two network namespaces. The hub runs vxbrd as the tunnel
+# terminator; the access point runs a second vxbrd in server mode (-s), which
+# sends everything its tap device emits to the hub. A ping and a TCP transfer
+# cross the tunnel, the hub's control socket shows what it learned, then
+# everything is removed again.
 #
-#   namespace vxbrd-demo-PID
-#   +---------------------------------------------------+
-#   |  demo0 192.0.2.1/24, 2001:db8::1/64  (veth)        |
-#   |  tap0 (untagged), tap1 (VLAN 20)      vxbrd -f -vv |
-#   +---------------------------------------------------+
+#   ns vxbrd-demo-ap-PID                         ns vxbrd-demo-hub-PID
+#   +------------------------------+             +------------------------------+
+#   | tap0 203.0.113.2/24          |             | tap0 203.0.113.1/24          |
+#   |   vxbrd -f -s 192.0.2.1      |  GRE (47)   |   vxbrd -f -v                |
+#   | veth ap0 192.0.2.2/24  ------+-------------+--- veth hub0 192.0.2.1/24    |
+#   +------------------------------+             +------------------------------+
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -16,33 +20,98 @@ root=$PWD
 "$root/scripts/install-deps.sh"
 cmake -S "$root" -B "$root/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$root/build" -j2 --target vxbrd
+vxbrd=$root/build/vxbrd
 
-ns=vxbrd-demo-$$
+hub=vxbrd-demo-hub-$$
+ap=vxbrd-demo-ap-$$
 work=$(mktemp -d)
-cleanup() { ip netns del "$ns" 2>/dev/null || true; rm -rf "$work"; }
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+    wait 2>/dev/null || true
+    ip netns del "$hub" 2>/dev/null || true
+    ip netns del "$ap" 2>/dev/null || true
+    rm -rf "$work"
+}
 trap cleanup EXIT
 
-ip netns add "$ns"
-ip -n "$ns" link set lo up
-ip -n "$ns" link add demo0 type veth peer name demo1
-ip -n "$ns" addr add 192.0.2.1/24 dev demo0
-ip -n "$ns" addr add 2001:db8::1/64 dev demo0 nodad
-ip -n "$ns" link set demo0 up
-ip -n "$ns" link set demo1 up
-ip -n "$ns" tuntap add dev tap0 mode tap
-ip -n "$ns" tuntap add dev tap1 mode tap
+in_ns() { ip netns exec "$@"; }
 
-cat >"$work/vxobrd.conf" <<'CONF'
-# access point tunnels
-tap0 1
-tap1 20 vlan-isolate-enable parent-interface demo0
-vlan40 forward-to-vym 192.0.2.254
-grekey mode prefervlan
-mss 1380
-CONF
-echo "--- configuration"
-cat "$work/vxobrd.conf"
-echo "--- vxbrd -f -vv (3 seconds)"
-ip netns exec "$ns" unshare --mount sh -c \
-    "mount -t tmpfs tmpfs /run && timeout --preserve-status -s TERM 3 '$root/build/vxbrd' -f -vv -c '$work/vxobrd.conf'" || true
-echo "--- demo finished; namespace $ns removed"
+ip netns add "$hub"
+ip netns add "$ap"
+for ns in "$hub" "$ap"; do ip -n "$ns" link set lo up; done
+ip link add hub0 netns "$hub" type veth peer name ap0 netns "$ap"
+ip -n "$hub" addr add 192.0.2.1/24 dev hub0
+ip -n "$ap" addr add 192.0.2.2/24 dev ap0
+ip -n "$hub" link set hub0 up
+ip -n "$ap" link set ap0 up
+for ns in "$hub" "$ap"; do ip -n "$ns" tuntap add dev tap0 mode tap; done
+ip -n "$hub" addr add 203.0.113.1/24 dev tap0
+ip -n "$ap" addr add 203.0.113.2/24 dev tap0
+ip -n "$hub" link set tap0 mtu 1400
+ip -n "$ap" link set tap0 mtu 1400
+in_ns "$ap" ping -c 1 -W 2 192.0.2.1 >/dev/null   # the underlay works
+
+printf 'tap0 1\nmss 1360\n' >"$work/hub.conf"
+printf 'tap0 1\n' >"$work/ap.conf"
+echo "--- hub configuration"; cat "$work/hub.conf"
+
+# Each daemon gets its own /run, since the control socket path is fixed.
+start() {  # start NS LOG ARGS...
+    local ns=$1 log=$2
+    shift 2
+    in_ns "$ns" unshare --mount sh -c 'mount -t tmpfs tmpfs /run && exec "$@"' vxbrd "$@" \
+        >"$log.out" 2>"$log.err" &
+    pids+=($!)
+}
+start "$hub" "$work/hub" "$vxbrd" -f -v -c "$work/hub.conf"
+start "$ap" "$work/ap" "$vxbrd" -f -v -s 192.0.2.1 -c "$work/ap.conf"
+sleep 1
+
+echo "--- ping through the tunnel (access point -> hub)"
+in_ns "$ap" ping -c 3 -i 0.2 -W 2 203.0.113.1
+echo "--- ping with 1372 bytes of payload (a full 1400-byte tap MTU)"
+in_ns "$ap" ping -c 2 -i 0.2 -W 2 -s 1372 203.0.113.1
+
+echo "--- TCP transfer of 1 MB through the tunnel"
+head -c 1048576 /dev/urandom >"$work/payload"
+in_ns "$hub" python3 - "$work/received" <<'PY' &
+import socket, sys
+s = socket.socket(); s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+s.bind(("203.0.113.1", 5001)); s.listen(1); s.settimeout(20)
+c, _ = s.accept()
+with open(sys.argv[1], "wb") as f:
+    while data := c.recv(65536):
+        f.write(data)
+PY
+server=$!
+sleep 0.5
+in_ns "$ap" python3 - "$work/payload" <<'PY'
+import socket, sys
+c = socket.create_connection(("203.0.113.1", 5001), timeout=20)
+c.sendall(open(sys.argv[1], "rb").read()); c.close()
+PY
+wait "$server"
+if cmp -s "$work/payload" "$work/received"; then echo "1048576 bytes arrived intact"; else echo "TCP transfer corrupted" >&2; exit 1; fi
+
+echo "--- the hub's view: peers and clients (control socket)"
+hub_pid=$(pgrep -f -n "vxbrd -f -v -c $work/hub.conf")
+for request in peers clients; do
+    echo "> $request"
+    # Ask, half-close, then read until the daemon closes: how a client ends a
+    # connection cleanly.
+    in_ns "$hub" nsenter -t "$hub_pid" -m python3 -c '
+import socket, sys
+s = socket.socket(socket.AF_UNIX)
+s.connect("/var/run/vxbrd.sock")
+s.sendall(sys.argv[1].encode())
+s.shutdown(socket.SHUT_WR)
+reply = b""
+while chunk := s.recv(65536):
+    reply += chunk
+sys.stdout.write(reply.decode())
+' "$request"
+done
+echo "--- hub log"
+cat "$work/hub.err"
+echo "--- demo finished; namespaces removed"

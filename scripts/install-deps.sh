@@ -2,7 +2,7 @@
 # Installs what building and testing vxbrd needs on Debian, skipping what is
 # already there.
 set -euo pipefail
-apt_packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
+apt_packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev iputils-ping
               libbenchmark-dev iproute2 procps tshark binutils util-linux)
 missing=()
 for p in "${apt_packages[@]}"; do
