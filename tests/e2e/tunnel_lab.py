@@ -1,0 +1,283 @@
+"""Tools for end-to-end tests of the tunnel: GRE and tap ports opened inside
+test namespaces, packet builders, a hub/access-point topology and a control
+socket client.
+
+    access point ns (scapy-built GRE)            hub ns (vxbrd -f)
+    +---------------------------------+          +----------------------------------+
+    | ap0 192.0.2.2/24, 2001:db8::2   |  GRE 47  | hub0 192.0.2.1/24, 2001:db8::1   |
+    | GrePort: raw proto-47 socket  --+----------+-- vxbrd GRE endpoints            |
+    +---------------------------------+          | tapN (no addresses) <- TapPort   |
+                                                 +----------------------------------+
+
+Sockets are made in a thread that has entered the namespace with setns(2);
+a socket stays in the namespace it was made in, so the test then uses it from
+any thread. Frames the daemon writes to a tap are read from the tap with an
+AF_PACKET socket (incoming direction); frames sent on that socket go out of
+the tap interface, which is where the daemon reads them.
+"""
+
+from __future__ import annotations
+
+import ctypes
+import os
+import socket
+import struct
+import threading
+import time
+from dataclasses import dataclass, field
+from typing import Callable, Optional
+
+from netns import Lab, Namespace, VxbrdProcess, wait_until
+
+CLONE_NEWNET = 0x40000000
+ETH_P_ALL = 0x0003
+PACKET_OUTGOING = 4
+GRE_PROTO = 47
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def in_namespace(namespace: str, fn: Callable[[], object]) -> object:
+    """Runs fn in a thread that has joined network namespace `namespace`."""
+    result: dict = {}
+
+    def body() -> None:
+        try:
+            fd = os.open(f"/var/run/netns/{namespace}", os.O_RDONLY)
+            try:
+                if _libc.setns(fd, CLONE_NEWNET) != 0:
+                    err = ctypes.get_errno()
+                    raise OSError(err, os.strerror(err))
+            finally:
+                os.close(fd)
+            result["value"] = fn()
+        except BaseException as error:  # handed to the caller
+            result["error"] = error
+
+    thread = threading.Thread(target=body)
+    thread.start()
+    thread.join()
+    if "error" in result:
+        raise result["error"]
+    return result["value"]
+
+
+# ---------------------------------------------------------------- builders
+
+def mac_bytes(text: str) -> bytes:
+    return bytes(int(part, 16) for part in text.split(":"))
+
+
+def mac_text(raw: bytes) -> str:
+    return ":".join(f"{b:02x}" for b in raw)
+
+
+def ethernet(dst: str, src: str, ethertype: int, payload: bytes = b"") -> bytes:
+    return mac_bytes(dst) + mac_bytes(src) + struct.pack("!H", ethertype) + payload
+
+
+def dot1q(dst: str, src: str, vlan: int, ethertype: int, payload: bytes = b"") -> bytes:
+    return (mac_bytes(dst) + mac_bytes(src) + struct.pack("!HHH", 0x8100, vlan, ethertype)
+            + payload)
+
+
+def gre(inner: bytes, key: Optional[int] = None, checksum: bool = False,
+        sequence: Optional[int] = None, recursion: int = 0, protocol: int = 0x6558) -> bytes:
+    """A GRE header (C, K, S as asked, recursion control in the low bits of
+    the first byte) followed by inner."""
+    first = recursion & 0x07
+    words = b""
+    if checksum:
+        first |= 0x80
+        words += b"\x00\x00\x00\x00"
+    if key is not None:
+        first |= 0x20
+        words += struct.pack("!I", key)
+    if sequence is not None:
+        first |= 0x10
+        words += struct.pack("!I", sequence)
+    return bytes([first, 0]) + struct.pack("!H", protocol) + words + inner
+
+
+# ---------------------------------------------------------------- ports
+
+class GrePort:
+    """A raw protocol-47 socket in a namespace: sends GRE payloads (the kernel
+    adds the outer IP header) and receives GRE datagrams."""
+
+    def __init__(self, namespace: str, family: int = socket.AF_INET,
+                 bind: Optional[str] = None):
+        self.family = family
+
+        def make() -> socket.socket:
+            s = socket.socket(family, socket.SOCK_RAW, GRE_PROTO)
+            if bind is not None:
+                s.bind((bind, 0))
+            return s
+
+        self.sock = in_namespace(namespace, make)
+
+    def send(self, payload: bytes, destination: str) -> None:
+        self.sock.sendto(payload, (destination, 0))
+
+    def receive(self, timeout: float = 2.0) -> Optional[tuple[str, bytes]]:
+        """(source address, GRE header and payload), or None after timeout.
+        The outer IPv4 header that a raw IPv4 socket delivers is removed."""
+        self.sock.settimeout(timeout)
+        try:
+            data, address = self.sock.recvfrom(65535)
+        except socket.timeout:
+            return None
+        if self.family == socket.AF_INET:
+            data = data[(data[0] & 0x0F) * 4:]
+        return address[0], data
+
+    def receive_all(self, quiet: float = 0.5, limit: int = 100000) -> list[tuple[str, bytes]]:
+        """Every datagram until none arrives for `quiet` seconds."""
+        out = []
+        while len(out) < limit:
+            got = self.receive(quiet)
+            if got is None:
+                break
+            out.append(got)
+        return out
+
+    def close(self) -> None:
+        self.sock.close()
+
+
+class TapPort:
+    """An AF_PACKET socket on a tap interface: what the daemon writes to the
+    tap is read here; what is injected here is what the daemon reads."""
+
+    def __init__(self, namespace: str, device: str):
+        def make() -> socket.socket:
+            s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
+            s.bind((device, 0))
+            return s
+
+        self.device = device
+        self.sock = in_namespace(namespace, make)
+
+    def inject(self, frame: bytes) -> None:
+        self.sock.send(frame)
+
+    def receive(self, timeout: float = 2.0) -> Optional[bytes]:
+        """The next frame the daemon wrote to the tap (frames the host sent
+        out of the tap are skipped), or None after timeout."""
+        deadline = time.monotonic() + timeout
+        while True:
+            remaining = deadline - time.monotonic()
+            if remaining <= 0:
+                return None
+            self.sock.settimeout(remaining)
+            try:
+                data, address = self.sock.recvfrom(65535)
+            except socket.timeout:
+                return None
+            if address[2] != PACKET_OUTGOING:
+                return data
+
+    def receive_all(self, quiet: float = 0.5, limit: int = 100000) -> list[bytes]:
+        out = []
+        while len(out) < limit:
+            got = self.receive(quiet)
+            if got is None:
+                break
+            out.append(got)
+        return out
+
+    def drain(self) -> None:
+        self.receive_all(quiet=0.05)
+
+    def close(self) -> None:
+        self.sock.close()
+
+
+# ---------------------------------------------------------------- topology
+
+HUB_IPV4 = "192.0.2.1"
+AP_IPV4 = "192.0.2.2"
+HUB_IPV6 = "2001:db8::1"
+AP_IPV6 = "2001:db8::2"
+
+
+@dataclass
+class Tunnel:
+    lab: Lab
+    hub: Namespace
+    ap: Namespace
+    daemon: VxbrdProcess
+    taps: dict = field(default_factory=dict)  # name -> TapPort (hub side)
+
+    def gre_port(self, family: int = socket.AF_INET, bind: Optional[str] = None) -> GrePort:
+        return GrePort(self.ap.name, family, bind)
+
+    def tap_mac(self, device: str) -> str:
+        return self.hub.mac(device)
+
+    def control(self, request: bytes, timeout: float = 5.0) -> bytes:
+        return control_request(self.daemon.pid, request, timeout)
+
+
+def build_tunnel(lab: Lab, binary: str, config_path: str, taps: list[str],
+                 args: Optional[list[str]] = None, ipv6: bool = True,
+                 extra: Optional[Callable[[Namespace, Namespace], None]] = None) -> Tunnel:
+    """Hub and access-point namespaces joined by a veth pair, tap devices in
+    the hub, and vxbrd started in the hub with config_path. `extra` may add
+    interfaces or addresses before the daemon starts."""
+    hub = lab.namespace("hub")
+    ap = lab.namespace("ap")
+    hub.add_veth("hub0", peer=ap, peer_name="ap0")
+    hub.add_address("hub0", f"{HUB_IPV4}/24")
+    ap.add_address("ap0", f"{AP_IPV4}/24")
+    if ipv6:
+        hub.add_address("hub0", f"{HUB_IPV6}/64")
+        ap.add_address("ap0", f"{AP_IPV6}/64")
+    hub.up("hub0")
+    ap.up("ap0")
+    for tap in taps:
+        hub.add_tap(tap)
+    if extra is not None:
+        extra(hub, ap)
+    daemon = lab.start_vxbrd(hub, binary, ["-f", *(args or ["-vvv"]), "-c", config_path])
+    for tap in taps:
+        daemon.wait_for_log(f"{tap} ready")
+    tunnel = Tunnel(lab, hub, ap, daemon)
+    for tap in taps:
+        tunnel.taps[tap] = TapPort(hub.name, tap)
+    # The underlay answers before any test traffic is sent.
+    ap.exec(["ping", "-c", "1", "-W", "2", HUB_IPV4])
+    return tunnel
+
+
+def control_socket_path(pid: int) -> str:
+    """/var/run/vxbrd.sock as the daemon sees it. /var/run is a symbolic link
+    to /run on Debian, and a link followed under /proc/PID/root would lead
+    back to our own /run, so the link is resolved first."""
+    run_dir = os.path.realpath("/var/run")
+    return f"/proc/{pid}/root{run_dir}/vxbrd.sock"
+
+
+def control_request(pid: int, request: bytes, timeout: float = 5.0) -> bytes:
+    """Sends one request on the daemon's control socket (reached through the
+    daemon's own mount namespace), half-closes, and reads until the daemon
+    closes the connection."""
+    s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    s.settimeout(timeout)
+    try:
+        s.connect(control_socket_path(pid))
+        s.sendall(request)
+        s.shutdown(socket.SHUT_WR)
+        reply = b""
+        while True:
+            chunk = s.recv(65536)
+            if not chunk:
+                return reply
+            reply += chunk
+    finally:
+        s.close()
+
+
+def wait_for(predicate: Callable[[], object], timeout: float = 5.0) -> object:
+    return wait_until(predicate, timeout=timeout)
