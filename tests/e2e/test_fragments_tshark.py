@@ -2,16 +2,16 @@
 
     namespace "send"                           namespace "sink"
     +--------------------------------+         +-----------------------------+
-    | fragment_probe                 |  veth   | tshark -i <veth> -w pcap    |
+    | fragment_probe                 |  veth   | AF_PACKET capture -> pcap   |
     |  lumora::vif::IP on 192.0.2.1  |---------|  192.0.2.2                  |
     |  (or 2001:db8:f::1) -> send()  |         |  2001:db8:f::2              |
     +--------------------------------+         +-----------------------------+
 
 fragment_probe puts one Ethernet frame (as a tap read leaves it) through the
-daemon's send path onto a raw GRE socket. tshark, which knows nothing of the
-daemon, then dissects the capture: GRE, the optional 802.1Q tag, the inner
-IPv4 pieces, their header checksums (ip.check_checksum) and the reassembled
-packet (ip.defragment). For frame sizes where the daemon's stop rule loses
+daemon's send path onto a raw GRE socket; the sink records what arrives.
+tshark, which knows nothing of the daemon, then dissects the capture: GRE,
+the optional 802.1Q tag, the inner IPv4 pieces, their header checksums
+(ip.check_checksum) and the reassembled packet (ip.defragment). For frame sizes where the daemon's stop rule loses
 nothing, the reassembled payload must equal the original; the sizes that do
 lose a tail, and a header whose one-fold checksum drops a carry, are checked
 as the daemon is meant to send them.
@@ -71,7 +71,10 @@ import sys, time
 from scapy.all import ICMP, IP, IPv6, ICMPv6EchoRequest, conf, sr1
 conf.verb = 0
 for address in sys.argv[1:]:
-    request = (IPv6(dst=address) / ICMPv6EchoRequest()) if ":" in address else (IP(dst=address) / ICMP())
+    if ":" in address:
+        request = IPv6(dst=address) / ICMPv6EchoRequest()
+    else:
+        request = IP(dst=address) / ICMP()
     for attempt in range(20):
         if sr1(request, timeout=0.5) is not None:
             break
@@ -177,33 +180,59 @@ def piece_header(header, offset, total, last):
 
 # ------------------------------------------------------- capture and analysis
 
-def capture(link, expected_frames, sends):
-    """Runs every send in the sender namespace while tshark captures GRE in
-    the sink namespace; returns the pcap path once expected_frames arrived."""
-    pcap = link["dir"] / "gre.pcap"
-    errors = link["dir"] / "tshark.err"
-    with open(errors, "w") as err:
-        tshark = subprocess.Popen(
-            ["ip", "netns", "exec", link["sink"], "tshark", "-i", link["veth_k"], "-q",
-             "-f", "ip proto 47 or ip6 proto 47", "-c", str(expected_frames), "-w", str(pcap)],
-            stdout=subprocess.DEVNULL, stderr=err)
+# The capture side: an AF_PACKET socket bound to the sink's veth before
+# anything is sent (so nothing can slip past it), keeping GRE over IPv4 and
+# IPv6 and writing them as a classic pcap file for tshark. It waits at most
+# `seconds` for `count` datagrams, then half a second more to catch extras.
+_SNIFF = """
+import socket, struct, sys, time
+interface, count, seconds, out = sys.argv[1], int(sys.argv[2]), float(sys.argv[3]), sys.argv[4]
+s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x0003))
+s.bind((interface, 0))
+s.settimeout(0.1)
+print("ready", flush=True)
+frames, deadline, linger = [], time.monotonic() + seconds, None
+while time.monotonic() < (linger or deadline):
     try:
-        deadline = time.monotonic() + 20
-        while "Capturing on" not in errors.read_text():
-            assert tshark.poll() is None, errors.read_text()
-            assert time.monotonic() < deadline, "tshark did not start capturing"
-            time.sleep(0.1)
+        data, address = s.recvfrom(65535)
+    except socket.timeout:
+        continue
+    if address[2] == socket.PACKET_OUTGOING or len(data) < 34:
+        continue
+    ethertype = data[12] << 8 | data[13]
+    if (ethertype == 0x0800 and data[23] == 47) or (ethertype == 0x86dd and data[20] == 47):
+        frames.append((time.time(), data))
+        if len(frames) == count and linger is None:
+            linger = time.monotonic() + 0.5
+with open(out, "wb") as f:
+    f.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
+    for stamp, data in frames:
+        f.write(struct.pack("<IIII", int(stamp), int(stamp % 1 * 1e6), len(data), len(data)))
+        f.write(data)
+print(len(frames), flush=True)
+"""
+
+
+def capture(link, expected_frames, sends):
+    """Runs every send in the sender namespace while the sink namespace
+    captures GRE; returns the pcap path. Exactly expected_frames must arrive."""
+    pcap = link["dir"] / "gre.pcap"
+    sniffer = subprocess.Popen(
+        ["ip", "netns", "exec", link["sink"], "python3", "-c", _SNIFF, link["veth_k"],
+         str(expected_frames), "20", str(pcap)],
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        assert sniffer.stdout.readline().strip() == "ready", sniffer.stderr.read()
         for args in sends:
             result = _run("ip", "netns", "exec", link["sender"], *args)
             assert result.returncode == 0, result.stderr
-        tshark.wait(timeout=15)
-    except subprocess.TimeoutExpired:
-        pytest.fail(f"fewer than {expected_frames} GRE datagrams arrived")
+        out, err = sniffer.communicate(timeout=30)
     finally:
-        if tshark.poll() is None:
-            tshark.terminate()
-            tshark.wait(timeout=10)
-    assert tshark.returncode == 0, errors.read_text()
+        if sniffer.poll() is None:
+            sniffer.kill()
+            sniffer.wait(timeout=10)
+    assert sniffer.returncode == 0, err
+    assert int(out.strip()) == expected_frames, f"GRE datagrams captured: {out.strip()}"
     return pcap
 
 

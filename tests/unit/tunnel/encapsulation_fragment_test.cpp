@@ -128,10 +128,10 @@ TEST(Fragments, AFinalFragmentWithAnOffsetEndsWithoutMoreFragments) {
 TEST(Fragments, OptionsAreNotRepeatedAndTravelAsPayloadOfTheFirstPiece) {
     LogLines log;
     RecordingGreSocket socket;
-    const Bytes frame = concat(
-        {hex(kEthernetIPv4),
-         hex("46 00 07 d0 1c 46 40 00 40 11 be ef c0 00 02 01 c6 33 64 02  01 01 01 00"),
-         pattern(1976)});
+    const Bytes frame =
+        concat({hex(kEthernetIPv4),
+                hex("46 00 07 d0 1c 46 40 00 40 11 be ef c0 00 02 01 c6 33 64 02  01 01 01 00"),
+                pattern(1976)});
     FrameBuffer buffer(frame);
     send(log.logger, peerV4(socket, 0), buffer.pdu, &kKey, 0);
     ASSERT_EQ(socket.count(), 2u);

@@ -61,8 +61,9 @@ TEST(EncapsulationLimit, KeyedAt1434TheFrameGoesWholeAt1435ItIsCut) {
     // the fragment header.
     ASSERT_EQ(socket.count(), 1u);
     const Bytes sent = socket.bytes(0);
-    EXPECT_EQ(hexOf(slice(sent, 0, 42)),
-              hexOf(concat({hex(kKeyedGre), hex(kEthernetIPv4), singlePieceHeader(1421, "6c e3")})));
+    EXPECT_EQ(
+        hexOf(slice(sent, 0, 42)),
+        hexOf(concat({hex(kKeyedGre), hex(kEthernetIPv4), singlePieceHeader(1421, "6c e3")})));
     EXPECT_EQ(slice(sent, 42, sent.size() - 42), slice(over, 34, 1401));
     EXPECT_TRUE(log.lines().empty());
 }
@@ -80,8 +81,9 @@ TEST(EncapsulationLimit, WithoutKeyTheLimitIs1438) {
     FrameBuffer beyond(ipv4Frame(1425));
     send(log.logger, peerV4(socket, 0), beyond.pdu, nullptr, 0);
     ASSERT_EQ(socket.count(), 1u);
-    EXPECT_EQ(hexOf(slice(socket.bytes(0), 0, 38)),
-              hexOf(concat({hex(kPlainGre), hex(kEthernetIPv4), singlePieceHeader(1425, "6c df")})));
+    EXPECT_EQ(
+        hexOf(slice(socket.bytes(0), 0, 38)),
+        hexOf(concat({hex(kPlainGre), hex(kEthernetIPv4), singlePieceHeader(1425, "6c df")})));
 }
 
 TEST(EncapsulationLimit, TheMtuSettingLowersTheLimit) {
@@ -97,8 +99,9 @@ TEST(EncapsulationLimit, TheMtuSettingLowersTheLimit) {
     FrameBuffer beyond(ipv4Frame(1287));
     send(log.logger, peerV4(socket, 0), beyond.pdu, &kKey, 1300);
     ASSERT_EQ(socket.count(), 1u);
-    EXPECT_EQ(hexOf(slice(socket.bytes(0), 0, 42)),
-              hexOf(concat({hex(kKeyedGre), hex(kEthernetIPv4), singlePieceHeader(1287, "6d 69")})));
+    EXPECT_EQ(
+        hexOf(slice(socket.bytes(0), 0, 42)),
+        hexOf(concat({hex(kKeyedGre), hex(kEthernetIPv4), singlePieceHeader(1287, "6d 69")})));
 
     // A setting above the endpoint's own limit changes nothing.
     socket.clear();
@@ -129,8 +132,8 @@ TEST(EncapsulationNonIPv4, ArpIPv6AndTaggedFramesOverTheLimitAreDroppedWithOneWa
         FrameBuffer buffer(otherFrame(ethertype, 2000));
         send(log.logger, peerV4(socket, 20), buffer.pdu, &kKey, 0);
         EXPECT_EQ(socket.count(), 0u) << ethertype;
-        EXPECT_EQ(log.lines(), std::vector<std::string>{
-                                   "eth1 (ip://192.0.2.1): can't fragment non-IPv4 PDU"})
+        EXPECT_EQ(log.lines(),
+                  std::vector<std::string>{"eth1 (ip://192.0.2.1): can't fragment non-IPv4 PDU"})
             << ethertype;
     }
 }
@@ -260,8 +263,7 @@ TEST(EncapsulationErrors, WholeFramesWithoutHeadroomThrow55AndSendNothing) {
     FrameBuffer keyed(ipv4Frame(100), 7);
     EXPECT_EQ(thrownInt([&] { send(log.logger, peerV4(socket, 0), keyed.pdu, &kKey, 0); }), 55);
     FrameBuffer tagged(ipv4Frame(100), 11);
-    EXPECT_EQ(thrownInt([&] { send(log.logger, peerV4(socket, 2), tagged.pdu, &kKey, 0); }),
-              55);
+    EXPECT_EQ(thrownInt([&] { send(log.logger, peerV4(socket, 2), tagged.pdu, &kKey, 0); }), 55);
     FrameBuffer cut(ipv4Frame(2000), 7);
     EXPECT_EQ(thrownInt([&] { send(log.logger, peerV4(socket, 0), cut.pdu, &kKey, 0); }), 55);
     EXPECT_EQ(socket.count(), 0u);

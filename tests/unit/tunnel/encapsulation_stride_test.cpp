@@ -39,7 +39,8 @@ std::vector<Bytes> model(const Bytes& frame, long limit, bool keyed, uint16_t ow
         Bytes header = slice(frame, 14, 20);
         header[0] = 0x45;
         put16(header, 2, static_cast<uint16_t>(total));
-        put16(header, 6, static_cast<uint16_t>(((own & 0x1fff) + offset / 8) | (more ? 0x2000 : 0)));
+        put16(header, 6,
+              static_cast<uint16_t>(((own & 0x1fff) + offset / 8) | (more ? 0x2000 : 0)));
         put16(header, 10, 0);
         put16(header, 10, oneFold(header.data()));
         Bytes datagram = concat({gre, slice(frame, 0, 14)});
@@ -78,20 +79,21 @@ TEST_P(StrideTest, EveryLengthMatchesTheModel) {
             const Bytes frame = ipv4Frame(static_cast<uint16_t>(frame_length - 14), own);
             FrameBuffer buffer(frame);
             socket.clear();
-            send(log.logger, peerV4(socket, 0), buffer.pdu, c.keyed ? &kKey : nullptr,
-                 c.setting);
+            send(log.logger, peerV4(socket, 0), buffer.pdu, c.keyed ? &kKey : nullptr, c.setting);
             const std::vector<Bytes> expected = model(frame, c.expected, c.keyed, own);
             ASSERT_EQ(socket.count(), expected.size()) << "frame " << frame_length;
             for (size_t i = 0; i < expected.size(); ++i)
                 ASSERT_TRUE(socket.bytes(i) == expected[i])
                     << "frame " << frame_length << " piece " << i << "\n  sent "
-                    << hexOf(slice(socket.bytes(i), 0, std::min<size_t>(48, socket.bytes(i).size())))
-                    << "\n  want " << hexOf(slice(expected[i], 0, std::min<size_t>(48, expected[i].size())));
+                    << hexOf(
+                           slice(socket.bytes(i), 0, std::min<size_t>(48, socket.bytes(i).size())))
+                    << "\n  want "
+                    << hexOf(slice(expected[i], 0, std::min<size_t>(48, expected[i].size())));
             // Bookkeeping of what the stop rule does, to prove both quirks occur.
             const long length = frame_length - 14;
             const long per_piece = (c.expected - 20) & ~7L;
-            const long sent_payload = std::min<long>(
-                length - 20, static_cast<long>(expected.size()) * per_piece);
+            const long sent_payload =
+                std::min<long>(length - 20, static_cast<long>(expected.size()) * per_piece);
             if (sent_payload < length - 20) ++lost_tails;
             if (static_cast<long>(expected.size() - 1) * per_piece >= length - 20) ++extra_pieces;
         }
@@ -106,8 +108,8 @@ TEST_P(StrideTest, EveryLengthMatchesTheModel) {
 INSTANTIATE_TEST_SUITE_P(Limits, StrideTest,
                          ::testing::Values(Limit{1480, true, 0, 1434}, Limit{1480, false, 0, 1438},
                                            Limit{1480, true, 1300, 1300},
-                                           Limit{1480, false, 1021, 1021},
-                                           Limit{576, true, 0, 530}, Limit{1480, true, 68, 68}));
+                                           Limit{1480, false, 1021, 1021}, Limit{576, true, 0, 530},
+                                           Limit{1480, true, 68, 68}));
 
 }  // namespace
 }  // namespace lumora

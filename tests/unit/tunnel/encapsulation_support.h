@@ -110,7 +110,7 @@ inline uint16_t referenceChecksum(const uint8_t* header, size_t length, size_t s
 struct FrameBuffer {
     explicit FrameBuffer(const Bytes& frame, uint16_t headroom = 64, long cap_after_frame = -1)
         : storage(4096, 0xee) {
-        std::memcpy(storage.data() + headroom, frame.data(), frame.size());
+        if (!frame.empty()) std::memcpy(storage.data() + headroom, frame.data(), frame.size());
         pdu._buf = storage.data();
         pdu._begin = headroom;
         pdu._end = static_cast<uint16_t>(headroom + frame.size());
@@ -127,7 +127,7 @@ inline Bytes bytesOf(pdu::PDU p) { return Bytes(p.data(), p.data() + p.length())
 // Storage is reserved up front, so recording itself allocates nothing while
 // fewer than kSlots datagrams and kArena bytes in total have been recorded.
 class RecordingGreSocket : public vif::GreSocket {
-public:
+  public:
     static constexpr size_t kSlots = 64;
     static constexpr size_t kArena = 1 << 18;
 
@@ -171,7 +171,7 @@ public:
         arena.clear();
     }
 
-private:
+  private:
     long mtu_value;
     std::string name_text;
     std::string interface_name;
@@ -183,7 +183,7 @@ private:
 // A logger writing to a temporary file at Debug level; lines() returns what
 // it wrote with the "HH:MM:SS.uuuuuu " timestamp removed.
 class LogLines {
-public:
+  public:
     LogLines() {
         logger.stream = std::tmpfile();
         if (logger.stream == nullptr) throw std::runtime_error("tmpfile");
