@@ -35,15 +35,39 @@ ctest --test-dir build --output-on-failure -j"$jobs"
 step "end-to-end tests"
 VXBRD_BINARY="$root/build/vxbrd" python3 -m pytest -q tests/e2e
 
+# Runs the end-to-end suite against a sanitizer build of the daemon. Every
+# report is written to a file of its own, so a report from any daemon any
+# test started fails the run, even one the test itself did not notice.
+e2e_sanitized() {  # e2e_sanitized BUILD-DIR
+    local reports
+    reports=$(mktemp -d)
+    ASAN_OPTIONS="log_path=$reports/asan:detect_leaks=0" \
+    UBSAN_OPTIONS="log_path=$reports/ubsan:print_stacktrace=1" \
+    TSAN_OPTIONS="log_path=$reports/tsan:halt_on_error=1" \
+    VXBRD_BINARY="$root/$1/vxbrd" python3 -m pytest -q tests/e2e
+    if [ -n "$(ls -A "$reports")" ]; then
+        cat "$reports"/* >&2
+        echo "sanitizer reports from $1" >&2
+        exit 1
+    fi
+    rm -rf "$reports"
+}
+
 step "unit tests under AddressSanitizer + UndefinedBehaviorSanitizer"
 configure build-asan -DCMAKE_BUILD_TYPE=Debug -DVXBRD_SANITIZE=address,undefined
 cmake --build build-asan -j"$jobs"
 ctest --test-dir build-asan --output-on-failure -j"$jobs"
 
+step "end-to-end tests against the AddressSanitizer + UndefinedBehaviorSanitizer daemon"
+e2e_sanitized build-asan
+
 step "unit tests under ThreadSanitizer"
 configure build-tsan -DCMAKE_BUILD_TYPE=Debug -DVXBRD_SANITIZE=thread
 cmake --build build-tsan -j"$jobs"
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j"$jobs"
+
+step "end-to-end tests against the ThreadSanitizer daemon"
+e2e_sanitized build-tsan
 
 step "fuzzers (${fuzz_seconds}s each, ASan + UBSan)"
 CXX=clang++ configure build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVXBRD_FUZZ=ON -DBUILD_TESTING=ON
@@ -66,6 +90,8 @@ for fuzzer in "${fuzzers[@]}"; do
     grep -E '^stat::number_of_executed_units' "$log" || true
     rm -rf "$corpus" "$log"
 done
+
+step "manual pages, service files, install layout"; "$root/scripts/check-dist.sh" build
 
 step "FreeBSD cross build"
 configure build-freebsd -DCMAKE_TOOLCHAIN_FILE="$root/cmake/freebsd-toolchain.cmake" -DBUILD_TESTING=OFF

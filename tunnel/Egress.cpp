@@ -31,6 +31,9 @@ MacAddress interfaceMac(const TunnelContext& context, const std::string& name) {
 // put in its place.
 void repairArpReply(TunnelContext& context, Endpoint& tap, PDU frame, pdu::ArpPDU arp) {
     const MacAddress tap_mac = interfaceMac(context, tap.name());
+    // A reply cut short before its sender's address has none to repair: the
+    // bytes behind the frame are left over from an earlier one.
+    if (arp.length() < pdu::ArpPDU::kMinimumLength + tap_mac.size()) return;
     if (std::memcmp(arp.senderHardware(), tap_mac.data(), tap_mac.size()) != 0) return;
     const auto parent = context.parents->find(tap.name());
     if (parent == context.parents->end()) return;
@@ -81,7 +84,8 @@ void flood(TunnelContext& context, PDU read, uint16_t vlan, uint8_t* buffer) {
             // tag was stripped goes out at its length as read, as the access
             // points have always received it.
             std::memcpy(buffer, read._buf, read._cap);
-            PDU copy{buffer, static_cast<uint16_t>(kFloodBufferSize), read._begin, read._end, {0, 0}};
+            PDU copy{
+                buffer, static_cast<uint16_t>(kFloodBufferSize), read._begin, read._end, {0, 0}};
             if (copy.length() < kEthernetHeader) throw kInvalid;
             if (peer.endpoint == nullptr) continue;
             Destination destination;

@@ -281,3 +281,137 @@ def control_request(pid: int, request: bytes, timeout: float = 5.0) -> bytes:
 
 def wait_for(predicate: Callable[[], object], timeout: float = 5.0) -> object:
     return wait_until(predicate, timeout=timeout)
+
+
+# ---------------------------------------------------------------- further helpers
+
+def collect_frames(taps: dict, quiet: float = 0.3) -> dict:
+    """Every frame each TapPort of `taps` (name -> TapPort) received until it
+    stayed quiet for `quiet` seconds: name -> list of frames, in arrival order."""
+    return {name: port.receive_all(quiet=quiet) for name, port in taps.items()}
+
+
+def link_namespaces(a: Namespace, a_device: str, a_cidr: str, b: Namespace, b_device: str,
+                    b_cidr: str) -> None:
+    """A veth pair between namespaces a and b, each end with one address, both up."""
+    a.add_veth(a_device, peer=b, peer_name=b_device)
+    a.add_address(a_device, a_cidr)
+    b.add_address(b_device, b_cidr)
+    a.up(a_device)
+    b.up(b_device)
+
+
+def filler(n: int, seed: int = 0) -> bytes:
+    """n bytes of a recognisable, non-repeating-at-start pattern."""
+    return bytes((seed + i) & 0xFF for i in range(n))
+
+
+def lines_in_order(lines: list, expected: list) -> bool:
+    """True when every expected line occurs in lines, in this relative order."""
+    position = 0
+    for want in expected:
+        try:
+            position = lines.index(want, position) + 1
+        except ValueError:
+            return False
+    return True
+
+
+def wait_for_lines(daemon: VxbrdProcess, expected: list, timeout: float = 5.0) -> list:
+    """Waits until the daemon's log holds every expected line in this order
+    (repeats count: a line listed twice must occur twice); returns the log."""
+    return wait_until(lambda: (lambda log: log if lines_in_order(log, expected) else None)(
+        daemon.log()), timeout,
+        what=f"log lines {expected!r} in order; stderr so far:\n{daemon.stderr()}")
+
+
+FENCE_MAC = "02:00:00:00:0f:ff"
+
+
+def log_through_fence(tunnel: Tunnel, tap: str, before: list, timeout: float = 5.0) -> list:
+    """The log lines the daemon wrote after `before` (an earlier
+    VxbrdProcess.log()), up to a fence: a unicast frame to FENCE_MAC (a MAC
+    no client may use) is injected into `tap`, and the tap thread's
+    "can't find peer" line for it is awaited. The tap thread handles frames
+    in order, so every line due to frames injected earlier into the same tap
+    is in the result; the fence line itself is not. Needs a daemon without
+    server mode, at -v or more."""
+    fence_line = f"{tap}: can't find peer for host {FENCE_MAC}"
+    fences = before.count(fence_line)
+    tunnel.taps[tap].inject(ethernet(FENCE_MAC, "02:00:00:00:0f:fe", 0x88b5, bytes(46)))
+    log = wait_until(lambda: (lambda lines: lines if lines.count(fence_line) > fences else None)(
+        tunnel.daemon.log()), timeout, what=f"fence line {fence_line!r}")
+    assert log[:len(before)] == before, "the log changed before the fence"
+    after = log[len(before):]
+    assert after[-1] == fence_line, after
+    return after[:-1]
+
+
+# ---------------------------------------------------------------- control socket conversations
+
+SIOCOUTQ = 0x5411  # Linux: bytes a socket has sent that its peer has not yet read
+
+
+def control_connect(pid: int, timeout: float = 5.0) -> socket.socket:
+    """A connection to the daemon's control socket, for tests that hold the
+    conversation themselves. Retries until the daemon's control thread
+    listens or `timeout` passes, and while its backlog of 5 pending
+    connections is full. End it with control_finish (half-close, then wait
+    for the daemon's close), the way the daemon expects clients to end."""
+    deadline = time.monotonic() + timeout
+    while True:
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        s.settimeout(timeout)
+        try:
+            s.connect(control_socket_path(pid))
+            return s
+        except (FileNotFoundError, ConnectionRefusedError, BlockingIOError) as error:
+            s.close()
+            if time.monotonic() >= deadline:
+                raise
+            time.sleep(0.001 if isinstance(error, BlockingIOError) else 0.02)
+
+
+def control_read(s: socket.socket, size: int, timeout: float = 5.0) -> bytes:
+    """Exactly `size` bytes from s; fewer only when the daemon closed first or
+    nothing more came for `timeout` seconds."""
+    s.settimeout(timeout)
+    data = bytearray()
+    while len(data) < size:
+        try:
+            chunk = s.recv(min(size - len(data), 1 << 20))
+        except socket.timeout:
+            break
+        if not chunk:
+            break
+        data += chunk
+    return bytes(data)
+
+
+def control_finish(s: socket.socket, timeout: float = 5.0) -> bytes:
+    """Half-closes s and reads until the daemon closes its end; returns what
+    arrived meanwhile (b"" when every reply had been read) and closes s.
+    Raises socket.timeout when the daemon does not close within `timeout`."""
+    try:
+        s.shutdown(socket.SHUT_WR)
+        s.settimeout(timeout)
+        rest = bytearray()
+        while True:
+            chunk = s.recv(65536)
+            if not chunk:
+                return bytes(rest)
+            rest += chunk
+    finally:
+        s.close()
+
+
+def unread_by_peer(s: socket.socket) -> int:
+    """How much of what s sent its peer has not read yet (SIOCOUTQ; for a
+    UNIX socket 0 exactly when the peer has consumed everything)."""
+    import fcntl
+    return struct.unpack("i", fcntl.ioctl(s.fileno(), SIOCOUTQ, b"\0\0\0\0"))[0]
+
+
+def open_descriptors(pid: int) -> set:
+    """The descriptor numbers process pid has open, from /proc/PID/fd."""
+    return {int(name) for name in os.listdir(f"/proc/{pid}/fd")}
