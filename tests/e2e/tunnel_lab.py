@@ -415,3 +415,17 @@ def unread_by_peer(s: socket.socket) -> int:
 def open_descriptors(pid: int) -> set:
     """The descriptor numbers process pid has open, from /proc/PID/fd."""
     return {int(name) for name in os.listdir(f"/proc/{pid}/fd")}
+
+
+def control_output_mark(daemon: VxbrdProcess, timeout: float = 5.0) -> int:
+    """The length of the daemon's standard output once every connection it
+    reported accepted is also reported closed: a position after which only
+    lines of connections made from now on appear. (The lines come through a
+    pipe, so those of connections that just ended may still be on the way.)"""
+    def settled():
+        out = daemon.stdout()
+        if (out.count("Accepted connection. ") == out.count("Connection closed. ")
+                and (not out or out.endswith("\n"))):
+            return len(out) + 1  # + 1: a true value even for empty output
+        return None
+    return wait_until(settled, timeout, what="the daemon's connection messages") - 1
