@@ -3,7 +3,8 @@
 # already there.
 set -euo pipefail
 apt_packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev iputils-ping
-              libbenchmark-dev iproute2 procps tshark binutils util-linux)
+              libbenchmark-dev iproute2 procps tshark binutils util-linux mandoc man-db systemd
+              prometheus)
 missing=()
 for p in "${apt_packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
