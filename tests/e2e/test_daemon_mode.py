@@ -55,10 +55,18 @@ def assert_is_detached_daemon(pid, binary, caller_pid):
     assert stat["session"] != caller_pid
     wait_until(lambda: process_stat(pid)["ppid"] != stat["session"], timeout=5,
                what="the PID file writer to exit")
-    assert os.readlink(f"/proc/{pid}/cwd") == "/"
-    with open(f"/proc/{pid}/status") as status:
-        umask = [line for line in status if line.startswith("Umask:")]
-    assert umask == ["Umask:\t0000\n"]
+    # The intermediate process writes the PID file while the daemon goes on
+    # with chdir and umask, so the file can name the daemon a moment before
+    # both are done.
+    wait_until(lambda: os.readlink(f"/proc/{pid}/cwd") == "/", timeout=5,
+               what="the daemon's working directory to become /")
+
+    def umask_line():
+        with open(f"/proc/{pid}/status") as status:
+            return [line for line in status if line.startswith("Umask:")]
+
+    wait_until(lambda: umask_line() == ["Umask:\t0000\n"], timeout=5,
+               what="the daemon's umask to become 0")
 
 
 def kill(pid):
