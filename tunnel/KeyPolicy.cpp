@@ -4,9 +4,12 @@
 
 namespace lumora {
 
-bool choosePolicyVlan(Logger& log, const char* endpoint_name, uint8_t mode, uint64_t required_key,
+bool choosePolicyVlan(Logger& log, const char* endpoint_name, uint8_t mode, uint64_t configured_key,
                       const KeyedPacket& packet, uint16_t& policy_vlan) {
     const auto key_vlan = static_cast<uint16_t>(packet.key);
+    // Keys on the wire are 32 bits: a configured key is compared, and
+    // reported, as its low 32 bits.
+    const auto required_key = static_cast<uint32_t>(configured_key);
     policy_vlan = packet.tag_vlan;
     switch (mode) {
         case Reject:
@@ -22,7 +25,7 @@ bool choosePolicyVlan(Logger& log, const char* endpoint_name, uint8_t mode, uint
             }
             if (packet.key != required_key) {
                 log.log(Warning, "%s: ignoring PDU with invalid GRE key %d. Expecting %d",
-                        endpoint_name, packet.key, static_cast<uint32_t>(required_key));
+                        endpoint_name, packet.key, required_key);
                 return false;
             }
             return true;

@@ -18,7 +18,7 @@ struct KeyedPacket {
 // drop reason at Warning (prefixed with endpoint_name) and returns false
 // otherwise. A key used as a VLAN keeps its low 16 bits. Unknown modes
 // behave as "ignore".
-bool choosePolicyVlan(Logger& log, const char* endpoint_name, uint8_t mode, uint64_t required_key,
+bool choosePolicyVlan(Logger& log, const char* endpoint_name, uint8_t mode, uint64_t configured_key,
                       const KeyedPacket& packet, uint16_t& policy_vlan);
 
 }  // namespace lumora

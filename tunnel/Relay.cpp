@@ -1,5 +1,7 @@
 #include "tunnel/Relay.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "pdu/Ethernet.h"
@@ -62,9 +64,13 @@ void relayBroadcast(TunnelContext& context, const GreSource& source, PDU frame, 
         log.log(Info, "Forwarding VYM-VYM broadcast to remote AP %s via %s",
                 peer.address().text(), peer.endpoint->interfaceName().c_str());
         // Encapsulation edits the frame in place, so every peer gets a copy.
-        std::memcpy(scratch.copy.get() + kHeadroom, frame.data(), frame.length());
-        PDU copy{scratch.copy.get(), static_cast<uint16_t>(kHeadroom + frame.length()), kHeadroom,
-                 static_cast<uint16_t>(kHeadroom + frame.length()), {0, 0}};
+        // The copy's indexes are 16-bit: the largest frames an IPv4 datagram
+        // carries get less headroom, still more than tag and GRE header need.
+        const auto room = static_cast<uint16_t>(
+            std::min<uint32_t>(kHeadroom, UINT16_MAX - frame.length()));
+        const auto end = static_cast<uint16_t>(room + frame.length());
+        std::memcpy(scratch.copy.get() + room, frame.data(), frame.length());
+        PDU copy{scratch.copy.get(), end, room, end, {0, 0}};
         Destination target;
         target.vlan = vlan;
         target.family = peer.family;

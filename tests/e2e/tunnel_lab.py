@@ -429,3 +429,59 @@ def control_output_mark(daemon: VxbrdProcess, timeout: float = 5.0) -> int:
             return len(out) + 1  # + 1: a true value even for empty output
         return None
     return wait_until(settled, timeout, what="the daemon's connection messages") - 1
+
+
+# ---------------------------------------------------------------- process and socket figures
+
+SOL_PACKET = 263
+PACKET_STATISTICS = 6
+
+
+def resident_kib(pid: int) -> int:
+    """VmRSS of process pid, in KiB (from /proc/PID/status)."""
+    with open(f"/proc/{pid}/status") as status:
+        for line in status:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+    raise AssertionError(f"no VmRSS line for pid {pid}")
+
+
+def raw_gre_drops(pid: int) -> dict:
+    """Datagrams the kernel dropped at the raw GRE sockets of the network
+    namespace process pid lives in, because their receive buffers were full
+    (the drops column of /proc/PID/net/raw and raw6): local address text ->
+    drops."""
+    out = {}
+    for table, family in (("raw", socket.AF_INET), ("raw6", socket.AF_INET6)):
+        with open(f"/proc/{pid}/net/{table}") as rows:
+            next(rows)
+            for row in rows:
+                fields = row.split()
+                address, protocol = fields[1].split(":")
+                if int(protocol, 16) != GRE_PROTO:
+                    continue
+                raw = bytes.fromhex(address)
+                # The kernel prints each 32-bit word in host (little-endian) order.
+                raw = b"".join(raw[i:i + 4][::-1] for i in range(0, len(raw), 4))
+                text = socket.inet_ntop(family, raw)
+                out[text] = out.get(text, 0) + int(fields[-1])
+    return out
+
+
+def packet_socket_statistics(sock: socket.socket) -> tuple[int, int]:
+    """(frames received, frames dropped) of an AF_PACKET socket since the
+    last call (PACKET_STATISTICS; reading it resets the counters)."""
+    packets, drops = struct.unpack("II", sock.getsockopt(SOL_PACKET, PACKET_STATISTICS, 8))
+    return packets, drops
+
+
+def sanitizer_of(binary: str) -> Optional[str]:
+    """"address" or "thread" when binary was built with that sanitizer (its
+    runtime's entry symbol is named in it), else None."""
+    with open(binary, "rb") as image:
+        data = image.read()
+    if b"__tsan_init" in data:
+        return "thread"
+    if b"__asan_init" in data:
+        return "address"
+    return None

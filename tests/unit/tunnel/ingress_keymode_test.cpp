@@ -173,4 +173,26 @@ TEST(IngressKeyWord, EveryOptionalWordIsSkippedBeforeTheFrame) {
 }
 
 }  // namespace
+
+// A configured key wider than 32 bits is the key its low 32 bits name: the
+// wire carries no more.
+TEST(IngressKeyWord, RequireComparesTheLow32BitsOfTheConfiguredKey) {
+    IngressRig rig;
+    rig.config.gre_key_mode = Require;
+    rig.config.gre_key = 0x100000005ull;
+    rig.addTap(0);
+    rig.run(test::join({test::greHeader(0x20, "65 58", "00 00 00 05"), test::untaggedFrame()}));
+    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap0", {test::hexText(test::untaggedFrame())}}}));
+
+    IngressRig refusing;
+    refusing.config.gre_key_mode = Require;
+    refusing.config.gre_key = 0x100000005ull;
+    refusing.addTap(0);
+    refusing.run(
+        test::join({test::greHeader(0x20, "65 58", "00 00 00 06"), test::untaggedFrame()}));
+    EXPECT_EQ(refusing.log.lines(),
+              std::vector<std::string>{
+                  "eth0 (ip://192.0.2.1): ignoring PDU with invalid GRE key 6. Expecting 5"});
+}
+
 }  // namespace lumora
