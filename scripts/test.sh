@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
 jobs=2
-fuzz_seconds=${VXBRD_FUZZ_SECONDS:-60}
+fuzz_seconds=${VXBRD_FUZZ_SECONDS:-120}
 
 step() { printf '\n==> %s\n' "$*"; }
 
