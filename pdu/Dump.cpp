@@ -37,6 +37,21 @@ void dumpByEthertype(PDU p, uint16_t ethertype, uint16_t begin, FILE* out, int d
     }
 }
 
+// What follows an IPv4 or IPv6 header when it is one of the protocols both
+// carry (TCP, UDP, GRE); each version's own protocols are its caller's.
+void dumpByProtocol(PDU ip, uint8_t protocol, uint16_t begin, FILE* out, int depth) {
+    switch (protocol) {
+        case kProtocolTcp:
+            return dump(TcpPDU::at(ip, begin), out, depth);
+        case kProtocolUdp:
+            return dump(UdpPDU::at(ip, begin), out, depth);
+        case kProtocolGre:
+            return dump(GrePDU::at(ip, begin), out, depth);
+        default:
+            return;
+    }
+}
+
 // The tag line shared by 802.1Q ("VLAN:") and 802.1ad ("QinQ:").
 void dumpTag(TagPDU tag, const char* title, FILE* out, int depth) {
     indent(out, depth);
@@ -111,14 +126,8 @@ void dump(IPv4PDU ip, FILE* out, int depth) {
             return dump(Icmpv4PDU::at(ip, begin), out, depth + 1);
         case kProtocolIPv4:
             return dump(IPv4PDU::at(ip, begin), out, depth + 1);
-        case kProtocolTcp:
-            return dump(TcpPDU::at(ip, begin), out, depth + 1);
-        case kProtocolUdp:
-            return dump(UdpPDU::at(ip, begin), out, depth + 1);
-        case kProtocolGre:
-            return dump(GrePDU::at(ip, begin), out, depth + 1);
         default:
-            return;
+            return dumpByProtocol(ip, ip.protocol(), begin, out, depth + 1);
     }
 }
 
@@ -133,18 +142,8 @@ void dump(IPv6PDU ip, FILE* out, int depth) {
     std::fprintf(out, ", length: %zu", lengthOf(ip));
     std::fputc('\n', out);
     const uint16_t begin = ip.innerBegin();
-    switch (ip.nextHeader()) {
-        case kProtocolTcp:
-            return dump(TcpPDU::at(ip, begin), out, depth + 1);
-        case kProtocolUdp:
-            return dump(UdpPDU::at(ip, begin), out, depth + 1);
-        case kProtocolGre:
-            return dump(GrePDU::at(ip, begin), out, depth + 1);
-        case kProtocolIcmpv6:
-            return dump(Icmpv6PDU::at(ip, begin), out, depth + 1);
-        default:
-            return;
-    }
+    if (ip.nextHeader() == kProtocolIcmpv6) return dump(Icmpv6PDU::at(ip, begin), out, depth + 1);
+    dumpByProtocol(ip, ip.nextHeader(), begin, out, depth + 1);
 }
 
 void dump(GrePDU gre, FILE* out, int depth) {

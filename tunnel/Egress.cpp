@@ -88,15 +88,8 @@ void flood(TunnelContext& context, PDU read, uint16_t vlan, uint8_t* buffer) {
                 buffer, static_cast<uint16_t>(kFloodBufferSize), read._begin, read._end, {0, 0}};
             if (copy.length() < kEthernetHeader) throw kInvalid;
             if (peer.endpoint == nullptr) continue;
-            Destination destination;
-            destination.vlan = pair.vlan;
-            destination.family = peer.family;
-            destination.ipv4 = peer.ipv4;
-            destination.ipv6 = peer.ipv6;
-            destination.upstream = peer.relayMark;
-            destination.endpoint = peer.endpoint;
-            send(*context.logger, destination, copy, pair.key != 0 ? &pair.key : nullptr,
-                 context.config->mtu);
+            send(*context.logger, destinationOf(peer, pair.vlan), copy,
+                 pair.key != 0 ? &pair.key : nullptr, context.config->mtu);
         }
     }
 }
@@ -162,12 +155,7 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
             return;
         }
         client->addTraffic(0, frame.length(), 0, 1);
-        destination.vlan = route.hasVlan ? static_cast<uint16_t>(route.vlan) : 0;
-        destination.family = route.address.family;
-        destination.ipv4 = route.address.ipv4;
-        destination.ipv6 = route.address.ipv6;
-        destination.upstream = route.relayMark;
-        destination.endpoint = route.endpoint;
+        destination = destinationOf(route);
         if (route.hasKey) {
             client_key = route.greKey;
             key = &client_key;

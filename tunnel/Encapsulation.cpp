@@ -6,6 +6,7 @@
 #include "pdu/Ethernet.h"
 #include "pdu/GRE.h"
 #include "pdu/Text.h"
+#include "tunnel/ClientRecord.h"
 
 namespace lumora {
 
@@ -46,6 +47,28 @@ void transmit(const Destination& d, PDU datagram) {
 }
 
 }  // namespace
+
+Destination destinationOf(const PeerRecord& peer, uint16_t vlan) {
+    Destination d;
+    d.vlan = vlan;
+    d.family = peer.family;
+    d.ipv4 = peer.ipv4;
+    d.ipv6 = peer.ipv6;
+    d.upstream = peer.relayMark;
+    d.endpoint = peer.endpoint;
+    return d;
+}
+
+Destination destinationOf(const ClientRoute& route) {
+    Destination d;
+    d.vlan = route.hasVlan ? static_cast<uint16_t>(route.vlan) : 0;
+    d.family = route.address.family;
+    d.ipv4 = route.address.ipv4;
+    d.ipv6 = route.address.ipv6;
+    d.upstream = route.relayMark;
+    d.endpoint = route.endpoint;
+    return d;
+}
 
 long sizeLimit(long endpoint_mtu, bool keyed, uint16_t mtu_setting) {
     long limit = endpoint_mtu - 46 + (keyed ? 0 : 4);

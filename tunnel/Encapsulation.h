@@ -31,6 +31,16 @@ struct Destination {
     vif::GreSocket* endpoint = nullptr;
 };
 
+struct PeerRecord;
+struct ClientRoute;
+
+// A peer's frames on the given VLAN: its outer address, the socket it is
+// reached through and the relay mark it was learned with.
+Destination destinationOf(const PeerRecord& peer, uint16_t vlan);
+// A client's frames: through its peer, on the client's VLAN (0, untagged,
+// when it has none). The route has a peer.
+Destination destinationOf(const ClientRoute& route);
+
 // The largest Ethernet frame (as read, before tag and GRE header) that goes
 // out whole: the endpoint's MTU less outer IPv4, keyed GRE, Ethernet and tag
 // (46 bytes; 42 without a key), capped by a non-zero "mtu" setting.

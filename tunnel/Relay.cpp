@@ -46,14 +46,8 @@ void relayUnicast(TunnelContext& context, PDU frame, uint16_t vlan) {
     }
     log.log(Info, "Forwarding VYM-VYM to remote AP %s via %s", route.address.text(),
             route.endpoint->interfaceName().c_str());
-    Destination target;
-    target.vlan = route.hasVlan ? static_cast<uint16_t>(route.vlan) : 0;
-    target.family = route.address.family;
-    target.ipv4 = route.address.ipv4;
-    target.ipv6 = route.address.ipv6;
-    target.upstream = route.relayMark;
-    target.endpoint = route.endpoint;
-    send(log, target, frame, route.hasKey ? &route.greKey : nullptr, context.config->mtu);
+    send(log, destinationOf(route), frame, route.hasKey ? &route.greKey : nullptr,
+         context.config->mtu);
 }
 
 void relayBroadcast(TunnelContext& context, const GreSource& source, PDU frame, uint16_t vlan,
@@ -71,14 +65,7 @@ void relayBroadcast(TunnelContext& context, const GreSource& source, PDU frame, 
         const auto end = static_cast<uint16_t>(room + frame.length());
         std::memcpy(scratch.copy.get() + room, frame.data(), frame.length());
         PDU copy{scratch.copy.get(), end, room, end, {0, 0}};
-        Destination target;
-        target.vlan = vlan;
-        target.family = peer.family;
-        target.ipv4 = peer.ipv4;
-        target.ipv6 = peer.ipv6;
-        target.upstream = peer.relayMark;
-        target.endpoint = peer.endpoint;
-        send(log, target, copy, nullptr, context.config->mtu);
+        send(log, destinationOf(peer, vlan), copy, nullptr, context.config->mtu);
     }
 }
 

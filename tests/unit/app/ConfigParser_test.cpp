@@ -1,7 +1,6 @@
 // The configuration reader, driven by table: a file text, the exact
 // diagnostics it must print (with "@" standing for the file's path), the
 // error it must throw (0: none) and what it must leave in the configuration.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 
 #include "AppTestSupport.h"
 #include "app/Config.h"
+#include "support/addresses.h"
 
 namespace lumora {
 namespace {
@@ -19,17 +19,8 @@ using test::CapturedOutput;
 using test::TempFile;
 using test::withPath;
 
-in_addr ipv4(const char* text) {
-    in_addr address{};
-    inet_pton(AF_INET, text, &address);
-    return address;
-}
-
-in6_addr ipv6(const char* text) {
-    in6_addr address{};
-    inet_pton(AF_INET6, text, &address);
-    return address;
-}
+constexpr auto& ipv4 = test::ipv4Of;
+constexpr auto& ipv6 = test::ipv6Of;
 
 void expectDefaults(const Config& c) {
     EXPECT_TRUE(c.interfaces.empty());

@@ -1,6 +1,7 @@
-// Helpers for the report tests: addresses from text, quiet learning into a
-// Tables instance, and clients placed in a table by hand (for states that
-// traffic cannot produce, such as a client without a peer).
+// Helpers for the report tests: addresses from text (from
+// support/addresses.h), quiet learning into a Tables instance, and clients
+// placed in a table by hand (for states that traffic cannot produce, such as
+// a client without a peer).
 #pragma once
 
 #include <arpa/inet.h>
@@ -14,24 +15,13 @@
 #include <vector>
 
 #include "app/Logger.h"
+#include "support/addresses.h"
 #include "tunnel/Learning.h"
 #include "tunnel/Tables.h"
 
 namespace lumora::test {
 
 using Mac = std::array<uint8_t, 6>;
-
-inline in_addr v4(const char* text) {
-    in_addr a{};
-    if (inet_pton(AF_INET, text, &a) != 1) throw std::invalid_argument(text);
-    return a;
-}
-
-inline in6_addr v6(const char* text) {
-    in6_addr a{};
-    if (inet_pton(AF_INET6, text, &a) != 1) throw std::invalid_argument(text);
-    return a;
-}
 
 // A logger that never emits: learning's Notice lines are not what these
 // tests look at.

@@ -17,8 +17,8 @@ using test::AllocationCounter;
 const uint32_t kKey = 0x0a0b0c0d;
 
 TEST(EncapsulationAllocation, AWholeFrameAllocatesNothing) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     FrameBuffer buffer(ipv4Frame(1000));
     const Destination d = peerV4(socket, 20);
     AllocationCounter::start();
@@ -29,8 +29,8 @@ TEST(EncapsulationAllocation, AWholeFrameAllocatesNothing) {
 }
 
 TEST(EncapsulationAllocation, AFragmentedFrameAllocatesNothing) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     FrameBuffer keyed(ipv4Frame(4000));
     FrameBuffer plain(ipv4Frame(2000));
     const Destination tagged = peerV4(socket, 20);
@@ -45,8 +45,8 @@ TEST(EncapsulationAllocation, AFragmentedFrameAllocatesNothing) {
 
 TEST(EncapsulationAllocation, TheCounterSeesAnAllocationInTheWindow) {
     // Proves the window counts: the same calls plus one copy of a datagram do.
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     FrameBuffer buffer(ipv4Frame(2000));
     AllocationCounter::start();
     send(log.logger, peerV4(socket, 0), buffer.pdu, &kKey, 0);

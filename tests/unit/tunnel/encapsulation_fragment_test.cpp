@@ -37,8 +37,8 @@ void expectDatagram(const Bytes& sent, const Bytes& headers, const Bytes& payloa
 }
 
 TEST(Fragments, A2000BytePacketWithKeyIsCutAt1408PayloadBytes) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(2000);
     const Bytes payload = slice(frame, 34, 1980);
     FrameBuffer buffer(frame);
@@ -58,8 +58,8 @@ TEST(Fragments, A2000BytePacketWithKeyIsCutAt1408PayloadBytes) {
 }
 
 TEST(Fragments, A2000BytePacketWithoutKeyIsCutAt1416PayloadBytes) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(2000);
     const Bytes payload = slice(frame, 34, 1980);
     FrameBuffer buffer(frame);
@@ -74,8 +74,8 @@ TEST(Fragments, A2000BytePacketWithoutKeyIsCutAt1416PayloadBytes) {
 }
 
 TEST(Fragments, EveryFragmentIsTaggedForVlan20) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(2000);
     const Bytes payload = slice(frame, 34, 1980);
     FrameBuffer buffer(frame);
@@ -99,8 +99,8 @@ TEST(Fragments, EveryFragmentIsTaggedForVlan20) {
 
 TEST(Fragments, ANonFinalFragmentKeepsMoreFragmentsOnItsLastPiece) {
     // MF set, own offset 100 (800 bytes): offsets count on from 100.
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(2000, 0x2064);
     const Bytes payload = slice(frame, 34, 1980);
     FrameBuffer buffer(frame);
@@ -115,8 +115,8 @@ TEST(Fragments, ANonFinalFragmentKeepsMoreFragmentsOnItsLastPiece) {
 }
 
 TEST(Fragments, AFinalFragmentWithAnOffsetEndsWithoutMoreFragments) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(2000, 0x0064);
     FrameBuffer buffer(frame);
     send(log.logger, peerV4(socket, 0), buffer.pdu, &kKey, 0);
@@ -126,8 +126,8 @@ TEST(Fragments, AFinalFragmentWithAnOffsetEndsWithoutMoreFragments) {
 }
 
 TEST(Fragments, OptionsAreNotRepeatedAndTravelAsPayloadOfTheFirstPiece) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame =
         concat({hex(kEthernetIPv4),
                 hex("46 00 07 d0 1c 46 40 00 40 11 be ef c0 00 02 01 c6 33 64 02  01 01 01 00"),
@@ -147,8 +147,8 @@ TEST(Fragments, OptionsAreNotRepeatedAndTravelAsPayloadOfTheFirstPiece) {
 }
 
 TEST(Fragments, TheSmallestLimitOf68CutsAt48PayloadBytes) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(100);
     const Bytes payload = slice(frame, 34, 80);
     FrameBuffer buffer(frame);
@@ -165,8 +165,8 @@ TEST(Fragments, TheSmallestLimitOf68CutsAt48PayloadBytes) {
 TEST(FragmentChecksum, OneFoldOnlyACarryOutOfTheFoldIsDropped) {
     // The nine words sum to 0x3fffd: one fold gives 0x10000, whose low half
     // 0x0000 complements to 0xffff; folding to the end would give 0xfffe.
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame =
         concat({hex(kEthernetIPv4),
                 hex("45 ff 05 8d 4c 44 40 00 ff fe 12 34 cb 00 71 fe c6 33 64 fe"), pattern(1401)});
@@ -183,8 +183,8 @@ TEST(FragmentStopRule, ATailInTheGapBetweenTheStridesIsNeverSent) {
     // Key, L 1434: pieces advance by 1408 payload bytes, the stop rule by 1432.
     // A 1432-byte packet stops after one piece of 1408 payload bytes: the last
     // four bytes are not sent and the piece still says more fragments follow.
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(1432);
     FrameBuffer buffer(frame);
     send(log.logger, peerV4(socket, 0), buffer.pdu, &kKey, 0);
@@ -196,8 +196,8 @@ TEST(FragmentStopRule, ATailInTheGapBetweenTheStridesIsNeverSent) {
 
 TEST(FragmentStopRule, APacketNeedingThreePiecesGetsTwo) {
     // 2850 bytes need three pieces of 1408; 2 x 1432 >= 2850 stops after two.
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(2850);
     FrameBuffer buffer(frame);
     send(log.logger, peerV4(socket, 0), buffer.pdu, &kKey, 0);
@@ -214,8 +214,8 @@ TEST(FragmentStopRule, WhenTheStridesDifferBy16AWholeFirstPieceIsFollowedByAnEmp
     // No key, L 1438: pieces of 1416, stop stride 1432. A 1436-byte packet fits
     // the first piece whole, yet 1432 < 1436 asks for a second: a bare header
     // at offset 1416 (177 units), written over the last 20 bytes already sent.
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(1436);
     FrameBuffer buffer(frame);
     send(log.logger, peerV4(socket, 0), buffer.pdu, nullptr, 0);
@@ -232,8 +232,8 @@ TEST(FragmentStopRule, APieceShorterThanAHeaderIsSentCutAndNeverWrittenPastTheBu
     // No key, 1433 bytes: the second piece starts 17 bytes before the end. Its
     // 20-byte header is built over the 17 bytes and the 3 beyond _end, and the
     // datagram ends at _end.
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(1433);
     FrameBuffer roomy(frame, 64, 3);
     send(log.logger, peerV4(socket, 0), roomy.pdu, nullptr, 0);

@@ -45,8 +45,8 @@ TEST(EncapsulationLimit, EndpointMtuLessHeadersCappedByTheMtuSetting) {
 }
 
 TEST(EncapsulationLimit, KeyedAt1434TheFrameGoesWholeAt1435ItIsCut) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes whole = ipv4Frame(1420);
     FrameBuffer at_limit(whole);
     send(log.logger, peerV4(socket, 0), at_limit.pdu, &kKey, 0);
@@ -69,8 +69,8 @@ TEST(EncapsulationLimit, KeyedAt1434TheFrameGoesWholeAt1435ItIsCut) {
 }
 
 TEST(EncapsulationLimit, WithoutKeyTheLimitIs1438) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes whole = ipv4Frame(1424);
     FrameBuffer at_limit(whole);
     send(log.logger, peerV4(socket, 0), at_limit.pdu, nullptr, 0);
@@ -87,8 +87,8 @@ TEST(EncapsulationLimit, WithoutKeyTheLimitIs1438) {
 }
 
 TEST(EncapsulationLimit, TheMtuSettingLowersTheLimit) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes whole = ipv4Frame(1286);  // 1300-byte frame
     FrameBuffer at_limit(whole);
     send(log.logger, peerV4(socket, 0), at_limit.pdu, &kKey, 1300);
@@ -112,8 +112,8 @@ TEST(EncapsulationLimit, TheMtuSettingLowersTheLimit) {
 }
 
 TEST(EncapsulationLimit, TheLimitFollowsTheEndpointMtu) {
-    LogLines log;
-    RecordingGreSocket socket(1000);  // L = 954 with a key
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket(1000);  // L = 954 with a key
     FrameBuffer whole(ipv4Frame(940));
     send(log.logger, peerV4(socket, 0), whole.pdu, &kKey, 0);
     ASSERT_EQ(socket.count(), 1u);
@@ -127,8 +127,8 @@ TEST(EncapsulationLimit, TheLimitFollowsTheEndpointMtu) {
 
 TEST(EncapsulationNonIPv4, ArpIPv6AndTaggedFramesOverTheLimitAreDroppedWithOneWarning) {
     for (const char* ethertype : {"08 06", "86 dd", "81 00", "88 a8"}) {
-        LogLines log;
-        RecordingGreSocket socket;
+        MemoryLog log;
+        RecordingGreSocket socket = sendingSocket();
         FrameBuffer buffer(otherFrame(ethertype, 2000));
         send(log.logger, peerV4(socket, 20), buffer.pdu, &kKey, 0);
         EXPECT_EQ(socket.count(), 0u) << ethertype;
@@ -139,9 +139,9 @@ TEST(EncapsulationNonIPv4, ArpIPv6AndTaggedFramesOverTheLimitAreDroppedWithOneWa
 }
 
 TEST(EncapsulationNonIPv4, TheWarningNamesTheEndpointAndIsAWarning) {
-    LogLines log;
+    MemoryLog log;
     log.logger.level = Warning;
-    RecordingGreSocket socket(1480, "vlan7 (ip://2001:db8::7)");
+    RecordingGreSocket socket = RecordingGreSocket::ipv6("vlan7", "2001:db8::7");
     FrameBuffer buffer(otherFrame("86 dd", 1435));
     send(log.logger, peerV4(socket, 0), buffer.pdu, &kKey, 0);
     EXPECT_EQ(socket.count(), 0u);
@@ -153,8 +153,8 @@ TEST(EncapsulationNonIPv4, TheWarningNamesTheEndpointAndIsAWarning) {
 }
 
 TEST(EncapsulationNonIPv4, WithinTheLimitTheyGoWhole) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes arp = otherFrame("08 06", 1434);
     FrameBuffer buffer(arp);
     send(log.logger, peerV4(socket, 0), buffer.pdu, &kKey, 0);
@@ -164,8 +164,8 @@ TEST(EncapsulationNonIPv4, WithinTheLimitTheyGoWhole) {
 }
 
 TEST(EncapsulationUpstream, AFrameOverTheLimitGoesWholeMarkedSix) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes frame = ipv4Frame(1986);  // 2000 bytes
     FrameBuffer buffer(frame);
     Destination d = peerV4(socket, 0, "198.51.100.77");
@@ -179,8 +179,8 @@ TEST(EncapsulationUpstream, AFrameOverTheLimitGoesWholeMarkedSix) {
 }
 
 TEST(EncapsulationUpstream, WithoutKeyTaggedAndNonIPv4AlikeAndSmallFramesToo) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     const Bytes arp = otherFrame("08 06", 2000);
     FrameBuffer big(arp);
     Destination d = peerV4(socket, 30, "203.0.113.1");
@@ -203,8 +203,8 @@ TEST(EncapsulationUpstream, WithoutKeyTaggedAndNonIPv4AlikeAndSmallFramesToo) {
 }
 
 TEST(EncapsulationUpstream, AnIPv6GatewayIsPrintedAsTheDottedQuadOfItsFirstFourBytes) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     Destination d;
     d.family = AF_INET6;
     d.ipv6 = v6("2001:db8:1::9");
@@ -222,9 +222,9 @@ TEST(EncapsulationUpstream, AnIPv6GatewayIsPrintedAsTheDottedQuadOfItsFirstFourB
 }
 
 TEST(EncapsulationUpstream, TheInfoLineFollowsTheLevelButTheMarkDoesNot) {
-    LogLines log;
+    MemoryLog log;
     log.logger.level = Notice;
-    RecordingGreSocket socket;
+    RecordingGreSocket socket = sendingSocket();
     Destination d = peerV4(socket, 0);
     d.upstream = 1;
     FrameBuffer buffer(ipv4Frame(100));
@@ -235,8 +235,8 @@ TEST(EncapsulationUpstream, TheInfoLineFollowsTheLevelButTheMarkDoesNot) {
 }
 
 TEST(EncapsulationPeers, OrdinaryPeersGetRecursionZeroAndNoLogLine) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     Destination d;
     d.family = AF_INET6;
     d.ipv6 = v6("2001:db8::42");
@@ -258,8 +258,8 @@ TEST(EncapsulationPeers, OrdinaryPeersGetRecursionZeroAndNoLogLine) {
 }
 
 TEST(EncapsulationErrors, WholeFramesWithoutHeadroomThrow55AndSendNothing) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     FrameBuffer keyed(ipv4Frame(100), 7);
     EXPECT_EQ(thrownInt([&] { send(log.logger, peerV4(socket, 0), keyed.pdu, &kKey, 0); }), 55);
     FrameBuffer tagged(ipv4Frame(100), 11);
@@ -271,8 +271,8 @@ TEST(EncapsulationErrors, WholeFramesWithoutHeadroomThrow55AndSendNothing) {
 }
 
 TEST(EncapsulationErrors, AnIPv4HeaderThatCannotBeReadThrows22) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     Bytes ihl4 = ipv4Frame(2000);
     ihl4[14] = 0x44;
     FrameBuffer bad(ihl4);
@@ -286,8 +286,8 @@ TEST(EncapsulationErrors, AnIPv4HeaderThatCannotBeReadThrows22) {
 }
 
 TEST(EncapsulationErrors, ALimitOf67Throws22OnTheFirstFrameToCut) {
-    LogLines log;
-    RecordingGreSocket socket;
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket();
     FrameBuffer fits(ipv4Frame(53));  // a 67-byte frame
     send(log.logger, peerV4(socket, 0), fits.pdu, &kKey, 67);
     EXPECT_EQ(socket.count(), 1u);

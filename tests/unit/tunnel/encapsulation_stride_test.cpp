@@ -70,8 +70,8 @@ class StrideTest : public ::testing::TestWithParam<Limit> {};
 TEST_P(StrideTest, EveryLengthMatchesTheModel) {
     const Limit c = GetParam();
     ASSERT_EQ(sizeLimit(c.mtu, c.keyed, c.setting), c.expected);
-    LogLines log;
-    RecordingGreSocket socket(c.mtu);
+    MemoryLog log;
+    RecordingGreSocket socket = sendingSocket(c.mtu);
     size_t lost_tails = 0;
     size_t extra_pieces = 0;
     for (uint16_t own : {uint16_t{0x4000}, uint16_t{0x2000 | 5}}) {

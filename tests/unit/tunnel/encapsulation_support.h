@@ -1,68 +1,35 @@
 // Helpers for the encapsulation tests: frames from readable hex, a frame
-// buffer with headroom like a tap read's, a GRE socket that records every
-// datagram it is asked to send, a logger whose lines can be read back, and an
+// buffer with headroom like a tap read's, the recording GRE socket send()
+// hands its datagrams to, a logger whose lines can be read back, and an
 // independent one's-complement checksum to compare the fragment headers with.
 #pragma once
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <cctype>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "app/Logger.h"
 #include "pdu/PDU.h"
+#include "recording_endpoints.h"
 #include "tunnel/Encapsulation.h"
-#include "vif/VIF"
 
 namespace lumora::test::encap {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
+using test::MemoryLog;
+using test::RecordingGreSocket;
+using test::v4;
+using test::v6;
 
-// "45 00 05 94 ..." -> bytes; spaces and line breaks are ignored.
-inline Bytes hex(const char* text) {
-    Bytes out;
-    int high = -1;
-    for (const char* p = text; *p != '\0'; ++p) {
-        if (std::isspace(static_cast<unsigned char>(*p))) continue;
-        if (!std::isxdigit(static_cast<unsigned char>(*p))) throw std::invalid_argument(text);
-        const int nibble = std::isdigit(static_cast<unsigned char>(*p))
-                               ? *p - '0'
-                               : std::tolower(static_cast<unsigned char>(*p)) - 'a' + 10;
-        if (high < 0) {
-            high = nibble;
-        } else {
-            out.push_back(static_cast<uint8_t>(high << 4 | nibble));
-            high = -1;
-        }
-    }
-    if (high >= 0) throw std::invalid_argument(text);
-    return out;
-}
-
-// Bytes as "45 00 05 94": failure messages show where two frames differ.
-inline std::string hexOf(const uint8_t* p, size_t n) {
-    std::string out;
-    char byte[4];
-    for (size_t i = 0; i < n; ++i) {
-        std::snprintf(byte, sizeof byte, i == 0 ? "%02x" : " %02x", p[i]);
-        out += byte;
-    }
-    return out;
-}
-inline std::string hexOf(const Bytes& b) { return hexOf(b.data(), b.size()); }
-
-inline Bytes concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
+// The names these tests spell frames with.
+inline constexpr auto& hex = hexBytes;
+inline constexpr auto& concat = join;
+inline std::string hexOf(const uint8_t* p, size_t n) { return hexText(p, n); }
+inline std::string hexOf(const Bytes& b) { return hexText(b); }
 
 inline Bytes slice(const Bytes& b, size_t from, size_t count) {
     if (from + count > b.size()) throw std::out_of_range("slice");
@@ -123,105 +90,13 @@ struct FrameBuffer {
 
 inline Bytes bytesOf(pdu::PDU p) { return Bytes(p.data(), p.data() + p.length()); }
 
-// Records every datagram handed to it: its bytes, family and both addresses.
-// Storage is reserved up front, so recording itself allocates nothing while
-// fewer than kSlots datagrams and kArena bytes in total have been recorded.
-class RecordingGreSocket : public vif::GreSocket {
-  public:
-    static constexpr size_t kSlots = 64;
-    static constexpr size_t kArena = 1 << 18;
-
-    struct Datagram {
-        size_t offset;
-        size_t length;
-        uint32_t family;
-        in_addr ipv4;
-        in6_addr ipv6;
-    };
-
-    explicit RecordingGreSocket(long mtu_value = 1480,
-                                const char* name_text = "eth1 (ip://192.0.2.1)")
-        : mtu_value(mtu_value), name_text(name_text), interface_name("eth1") {
-        records.reserve(kSlots);
-        arena.reserve(kArena);
-    }
-
-    const char* name() const override { return name_text.c_str(); }
-    long mtu() const override { return mtu_value; }
-    void sendTo(pdu::PDU p, uint32_t family, in_addr ipv4, const in6_addr& ipv6) override {
-        if (records.size() == kSlots || arena.size() + p.length() > kArena)
-            throw std::length_error("RecordingGreSocket is full");
-        records.push_back(Datagram{arena.size(), p.length(), family, ipv4, ipv6});
-        arena.insert(arena.end(), p.data(), p.data() + p.length());
-    }
-    const std::string& interfaceName() const override { return interface_name; }
-    uint32_t family() const override { return AF_INET; }
-    in_addr localIPv4() const override { return in_addr{}; }
-    const in6_addr& localIPv6() const override { return local_ipv6; }
-
-    size_t count() const { return records.size(); }
-    const Datagram& at(size_t i) const { return records.at(i); }
-    Bytes bytes(size_t i) const {
-        const Datagram& d = records.at(i);
-        return Bytes(arena.begin() + static_cast<long>(d.offset),
-                     arena.begin() + static_cast<long>(d.offset + d.length));
-    }
-    void clear() {
-        records.clear();
-        arena.clear();
-    }
-
-  private:
-    long mtu_value;
-    std::string name_text;
-    std::string interface_name;
-    in6_addr local_ipv6{};
-    std::vector<Datagram> records;
-    Bytes arena;
-};
-
-// A logger writing to a temporary file at Debug level; lines() returns what
-// it wrote with the "HH:MM:SS.uuuuuu " timestamp removed.
-class LogLines {
-  public:
-    LogLines() {
-        logger.stream = std::tmpfile();
-        if (logger.stream == nullptr) throw std::runtime_error("tmpfile");
-        logger.level = Debug;
-    }
-    ~LogLines() { std::fclose(logger.stream); }
-    LogLines(const LogLines&) = delete;
-    LogLines& operator=(const LogLines&) = delete;
-
-    std::vector<std::string> lines() {
-        std::fflush(logger.stream);
-        std::rewind(logger.stream);
-        std::vector<std::string> out;
-        char buffer[512];
-        while (std::fgets(buffer, sizeof buffer, logger.stream) != nullptr) {
-            std::string line(buffer);
-            if (!line.empty() && line.back() == '\n') line.pop_back();
-            const bool stamped = line.size() >= 16 && line[2] == ':' && line[5] == ':' &&
-                                 line[8] == '.' && line[15] == ' ';
-            out.push_back(stamped ? line.substr(16) : "<no timestamp: " + line + ">");
-        }
-        std::fseek(logger.stream, 0, SEEK_END);
-        return out;
-    }
-
-    Logger logger;
-};
-
-inline in_addr v4(const char* text) {
-    in_addr a{};
-    if (inet_pton(AF_INET, text, &a) != 1) throw std::invalid_argument(text);
-    return a;
-}
-
-inline in6_addr v6(const char* text) {
-    in6_addr a{};
-    if (inet_pton(AF_INET6, text, &a) != 1) throw std::invalid_argument(text);
-    return a;
+// The socket send() hands its datagrams to: "eth1 (ip://192.0.2.1)" with the
+// given MTU. Its storage is reserved here, before any window that counts
+// allocations opens.
+inline RecordingGreSocket sendingSocket(long mtu = 1480) {
+    RecordingGreSocket socket("eth1", "192.0.2.1");
+    socket.setMtuValue(mtu);
+    return socket;
 }
 
 // An IPv4 peer on the given VLAN behind the recording socket.

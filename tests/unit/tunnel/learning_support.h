@@ -1,18 +1,18 @@
-// Helpers shared by the table and learning tests: addresses from text, a
-// sighting builder and a logger whose lines can be read back.
+// Helpers shared by the table and learning tests: addresses from text (from
+// support/addresses.h), a sighting builder and a Notice-level logger whose
+// lines can be read back.
 #pragma once
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
 
 #include <array>
-#include <cstdio>
+#include <cstdint>
 #include <ostream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "app/Logger.h"
+#include "support/addresses.h"
+#include "support/memory_log.h"
 #include "tunnel/Learning.h"
 
 namespace lumora {
@@ -25,18 +25,6 @@ inline void PrintTo(const VlanKey& pair, std::ostream* os) {
 }  // namespace lumora
 
 namespace lumora::test {
-
-inline in_addr v4(const char* text) {
-    in_addr a{};
-    if (inet_pton(AF_INET, text, &a) != 1) throw std::invalid_argument(text);
-    return a;
-}
-
-inline in6_addr v6(const char* text) {
-    in6_addr a{};
-    if (inet_pton(AF_INET6, text, &a) != 1) throw std::invalid_argument(text);
-    return a;
-}
 
 using Mac = std::array<uint8_t, 6>;
 
@@ -63,48 +51,11 @@ inline Sighting fromV6(const char* address, uint16_t vlan, const Mac& source) {
     return s;
 }
 
-// A Notice-level logger writing to a temporary file; lines() returns what it
-// wrote with the 16-character "HH:MM:SS.uuuuuu " timestamps removed.
-class LogCapture {
-  public:
-    LogCapture() {
-        logger.stream = std::tmpfile();
-        if (logger.stream == nullptr) throw std::runtime_error("tmpfile");
-        logger.level = Notice;
-    }
-    ~LogCapture() { std::fclose(logger.stream); }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    std::vector<std::string> lines() {
-        std::fflush(logger.stream);
-        std::rewind(logger.stream);
-        std::vector<std::string> out;
-        char buffer[512];
-        while (std::fgets(buffer, sizeof buffer, logger.stream) != nullptr) {
-            std::string line(buffer);
-            if (!line.empty() && line.back() == '\n') line.pop_back();
-            const bool stamped = line.size() >= 16 && line[2] == ':' && line[5] == ':' &&
-                                 line[8] == '.' && line[15] == ' ';
-            out.push_back(stamped ? line.substr(16) : "<no timestamp: " + line + ">");
-        }
-        // Later lines append at the end again.
-        std::fseek(logger.stream, 0, SEEK_END);
-        return out;
-    }
-
-    // Lines written since the previous call.
-    std::vector<std::string> newLines() {
-        auto all = lines();
-        std::vector<std::string> fresh(all.begin() + static_cast<long>(seen), all.end());
-        seen = all.size();
-        return fresh;
-    }
-
-    Logger logger;
-
-  private:
-    size_t seen = 0;
+// Learning's table changes are Notice lines, the level these tests listen
+// at; newLines() is what was written since its previous call.
+struct LogCapture : MemoryLog {
+    LogCapture() : MemoryLog(Notice) {}
+    std::vector<std::string> newLines() { return taken(); }
 };
 
 }  // namespace lumora::test

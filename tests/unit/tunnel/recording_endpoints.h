@@ -1,5 +1,6 @@
 // Endpoints that stand in for the daemon's tap devices and GRE sockets in
-// tests of the tunnel paths, and a logger whose lines can be read back.
+// tests of the tunnel paths, with the hex, address and memory-log helpers
+// those tests use alongside them.
 //
 // RecordingTap and RecordingGreSocket keep a copy of everything written or
 // sent to them. Their storage is reserved when they are made, so recording
@@ -11,75 +12,21 @@
 // Free of GoogleTest, so the fuzz targets can use it as well.
 #pragma once
 
-#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cctype>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "app/Logger.h"
 #include "pdu/PDU.h"
+#include "tests/unit/support/addresses.h"
+#include "tests/unit/support/bytes.h"
+#include "tests/unit/support/memory_log.h"
 #include "vif/VIF"
 
 namespace lumora::test {
-
-using Bytes = std::vector<uint8_t>;
-
-// "45 00 05 94 ..." -> bytes; blanks and line breaks are ignored.
-inline Bytes hexBytes(const char* text) {
-    Bytes out;
-    int high = -1;
-    for (const char* p = text; *p != '\0'; ++p) {
-        const auto c = static_cast<unsigned char>(*p);
-        if (std::isspace(c)) continue;
-        if (!std::isxdigit(c)) throw std::invalid_argument(text);
-        const int nibble = std::isdigit(c) ? c - '0' : std::tolower(c) - 'a' + 10;
-        if (high < 0) {
-            high = nibble;
-        } else {
-            out.push_back(static_cast<uint8_t>(high << 4 | nibble));
-            high = -1;
-        }
-    }
-    if (high >= 0) throw std::invalid_argument(text);
-    return out;
-}
-
-// Bytes as "45 00 05 94", so that failure messages show where frames differ.
-inline std::string hexText(const Bytes& bytes) {
-    std::string out;
-    char byte[4];
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        std::snprintf(byte, sizeof byte, i == 0 ? "%02x" : " %02x", bytes[i]);
-        out += byte;
-    }
-    return out;
-}
-
-inline Bytes join(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
-
-inline in_addr ipv4Of(const char* text) {
-    in_addr a{};
-    if (inet_pton(AF_INET, text, &a) != 1) throw std::invalid_argument(text);
-    return a;
-}
-
-inline in6_addr ipv6Of(const char* text) {
-    in6_addr a{};
-    if (inet_pton(AF_INET6, text, &a) != 1) throw std::invalid_argument(text);
-    return a;
-}
 
 // Byte storage for recorders: units appended into one reserved arena.
 class UnitLog {
@@ -155,6 +102,13 @@ class RecordingTap : public Endpoint {
 // (name, interface, family, own address) is what the log lines print.
 class RecordingGreSocket : public vif::GreSocket {
   public:
+    // Where a datagram was sent.
+    struct Address {
+        uint32_t family;
+        in_addr ipv4;
+        in6_addr ipv6;
+    };
+    // Where, and what.
     struct Sent {
         uint32_t family;
         in_addr ipv4;
@@ -197,6 +151,8 @@ class RecordingGreSocket : public vif::GreSocket {
 
     void setMtuValue(long mtu) { mtu_value = mtu; }
     size_t count() const { return datagrams.count(); }
+    const Address& at(size_t i) const { return sends.at(i); }
+    Bytes bytes(size_t i) const { return datagrams.unit(i); }
     Sent sent(size_t i) const {
         const Address& a = sends.at(i);
         return Sent{a.family, a.ipv4, a.ipv6, datagrams.unit(i)};
@@ -207,11 +163,6 @@ class RecordingGreSocket : public vif::GreSocket {
     }
 
   private:
-    struct Address {
-        uint32_t family;
-        in_addr ipv4;
-        in6_addr ipv6;
-    };
     std::string interface_name;
     std::string name_text;
     uint32_t own_family;
@@ -220,53 +171,6 @@ class RecordingGreSocket : public vif::GreSocket {
     long mtu_value = 1480;
     UnitLog datagrams;
     std::vector<Address> sends;
-};
-
-// A Debug-level logger writing into memory (open_memstream). lines() gives
-// what it wrote, each line without its "HH:MM:SS.uuuuuu " timestamp.
-class MemoryLog {
-  public:
-    MemoryLog() {
-        logger.stream = open_memstream(&text, &size);
-        if (logger.stream == nullptr) throw std::runtime_error("open_memstream");
-        logger.level = Debug;
-    }
-    ~MemoryLog() {
-        std::fclose(logger.stream);
-        std::free(text);
-    }
-    MemoryLog(const MemoryLog&) = delete;
-    MemoryLog& operator=(const MemoryLog&) = delete;
-
-    std::vector<std::string> lines() {
-        std::fflush(logger.stream);
-        std::vector<std::string> out;
-        size_t start = 0;
-        for (size_t i = 0; i < size; ++i) {
-            if (text[i] != '\n') continue;
-            std::string line(text + start, i - start);
-            const bool stamped = line.size() >= 16 && line[2] == ':' && line[5] == ':' &&
-                                 line[8] == '.' && line[15] == ' ';
-            out.push_back(stamped ? line.substr(16) : "<no timestamp: " + line + ">");
-            start = i + 1;
-        }
-        return out;
-    }
-
-    // Lines written since the previous call of taken().
-    std::vector<std::string> taken() {
-        std::vector<std::string> all = lines();
-        std::vector<std::string> fresh(all.begin() + static_cast<long>(seen), all.end());
-        seen = all.size();
-        return fresh;
-    }
-
-    Logger logger;
-
-  private:
-    char* text = nullptr;
-    size_t size = 0;
-    size_t seen = 0;
 };
 
 }  // namespace lumora::test

@@ -17,6 +17,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "support/addresses.h"
+
 namespace vxbrd_test {
 
 namespace {
@@ -41,44 +43,6 @@ void removeStaleNamespaces() {
 }
 
 }  // namespace
-
-LogCapture::LogCapture() {
-    stream = open_memstream(&data, &size);
-    if (stream == nullptr) throw std::runtime_error("open_memstream failed");
-    log.stream = stream;
-    log.level = lumora::Debug;
-}
-
-LogCapture::~LogCapture() {
-    std::fclose(stream);
-    std::free(data);
-}
-
-std::vector<std::string> LogCapture::lines() {
-    std::fflush(stream);
-    std::vector<std::string> out;
-    const std::string all(data + consumed, size - consumed);
-    size_t start = 0;
-    while (start < all.size()) {
-        size_t end = all.find('\n', start);
-        if (end == std::string::npos) end = all.size();
-        std::string line = all.substr(start, end - start);
-        // "hh:mm:ss.uuuuuu " in front of every stream line.
-        if (line.size() < 16 || line[2] != ':' || line[5] != ':' || line[8] != '.' ||
-            line[15] != ' ') {
-            out.push_back("<no timestamp> " + line);
-        } else {
-            out.push_back(line.substr(16));
-        }
-        start = end + 1;
-    }
-    return out;
-}
-
-void LogCapture::clear() {
-    std::fflush(stream);
-    consumed = size;
-}
 
 int run(const std::string& command, std::string* output) {
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
@@ -120,17 +84,9 @@ int openDescriptors() {
     return count;
 }
 
-in_addr ipv4(const char* text) {
-    in_addr out{};
-    if (inet_pton(AF_INET, text, &out) != 1) throw std::runtime_error(text);
-    return out;
-}
+in_addr ipv4(const char* text) { return lumora::test::ipv4Of(text); }
 
-in6_addr ipv6(const char* text) {
-    in6_addr out{};
-    if (inet_pton(AF_INET6, text, &out) != 1) throw std::runtime_error(text);
-    return out;
-}
+in6_addr ipv6(const char* text) { return lumora::test::ipv6Of(text); }
 
 std::string text(in_addr address) {
     char out[INET_ADDRSTRLEN] = {};

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "app/Logger.h"
+#include "support/memory_log.h"
 #include "vif/Descriptor.h"
 
 namespace vxbrd_test {
@@ -35,21 +36,12 @@ namespace vxbrd_test {
 // logged since the last clear(), each without its 16-character timestamp.
 class LogCapture {
 public:
-    LogCapture();
-    ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    lumora::Logger* logger() { return &log; }
-    std::vector<std::string> lines();
-    void clear();
+    lumora::Logger* logger() { return &memory.logger; }
+    std::vector<std::string> lines() { return memory.lines(); }
+    void clear() { memory.clear(); }
 
 private:
-    lumora::Logger log;
-    char* data = nullptr;
-    size_t size = 0;
-    FILE* stream = nullptr;
-    size_t consumed = 0;
+    lumora::test::MemoryLog memory;
 };
 
 // Runs a shell command; returns its exit status and appends its output.
