@@ -1,0 +1,617 @@
+#!/usr/bin/env python3
+"""Tunnel throughput, CPU and latency benchmark: vxbrd against the minimal
+relay and the batched relay, on the same topology in the same run.
+
+    ns <tag>h (hub)                                    ns <tag>a (access point)
+    +-------------------------------------+            +-------------------------------+
+    | CPU 0: vxbrd, or bench_relay        |            | CPU 1: bench_traffic gre      |
+    | tap0 (no address) <- CPU 1:         |   veth     |   (AF_PACKET, sendmmsg)       |
+    |   bench_traffic tap (injector)      |            | bench_traffic sink (GRE sink) |
+    | hub0 192.0.2.1/24  02:00:00:00:0a:01+------------+ ap0 192.0.2.2/24 :0a:02       |
+    +-------------------------------------+            +-------------------------------+
+
+Ingress (GRE->tap): the generator offers GRE to 192.0.2.1 at a set rate; what
+reaches the tap is the tap's rx_packets. Egress (tap->GRE): the injector sends
+frames out of tap0 to the learned client's MAC; what reaches the access point
+is ap0's rx_packets. Loss = 1 - delivered/offered. For each point the highest
+offered rate with at most 0.1 % loss is found by bisection, and CPU time per
+packet is the subject's sum_exec_runtime (/proc/PID/task/*/schedstat) over the
+packets delivered at fixed offered loads. Latency: a second topology with two
+daemons (the access point's in server mode) and addresses on both taps; ping
+across the tunnel against ping across the bare veth.
+
+Run as root from the repository, after building build-perf:
+
+    python3 bench/tunnel_bench.py --build build-perf            # full run
+    python3 bench/tunnel_bench.py --build build-perf --quick    # a minute or two
+
+Nothing here is a test: it measures and prints a Markdown table. Every
+namespace it creates is named after its pid and removed at the end, also on
+failure or Ctrl-C; every process it starts is ended by its pid.
+"""
+
+from __future__ import annotations
+
+import argparse
+import math
+import os
+import re
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Callable, Optional
+
+HUB_IP, AP_IP = "192.0.2.1", "192.0.2.2"
+HUB_MAC, AP_MAC = "02:00:00:00:0a:01", "02:00:00:00:0a:02"
+CLIENT_MAC = "02:00:00:00:0b:01"  # bench_traffic's inner source (the client)
+TAG_VLAN, GRE_KEY = 20, 7
+LOSS_LIMIT = 0.001
+SUBJECTS = ("daemon", "relay", "batched")
+VARIANTS = {"plain": (0, -1), "tag+key": (TAG_VLAN, GRE_KEY)}  # inner tag VLAN, key
+
+
+def log(text: str) -> None:
+    print(text, file=sys.stderr, flush=True)
+
+
+def run(args: list[str], timeout: float = 30.0, check: bool = True) -> str:
+    done = subprocess.run(args, capture_output=True, text=True, timeout=timeout)
+    if check and done.returncode != 0:
+        raise RuntimeError(f"{' '.join(args)}: exit {done.returncode}: {done.stderr.strip()}")
+    return done.stdout
+
+
+# ---------------------------------------------------------------- topology
+
+class Namespaces:
+    """Network namespaces named <tag><suffix>; everything in them goes with them."""
+
+    def __init__(self, tag: str):
+        self.tag = tag
+        self.created: list[str] = []
+        self.processes: list[subprocess.Popen] = []
+
+    def add(self, suffix: str) -> str:
+        name = self.tag + suffix
+        run(["ip", "netns", "add", name])
+        self.created.append(name)
+        # No IPv6: no router or neighbour solicitations among the counted packets.
+        self.sh(name, "sysctl -qw net.ipv6.conf.all.disable_ipv6=1 "
+                      "net.ipv6.conf.default.disable_ipv6=1")
+        self.ip(name, "link", "set", "lo", "up")
+        return name
+
+    def ip(self, ns: str, *args: str) -> str:
+        return run(["ip", "-n", ns, *args])
+
+    def sh(self, ns: str, script: str, timeout: float = 30.0) -> str:
+        return run(["ip", "netns", "exec", ns, "sh", "-c", script], timeout=timeout)
+
+    def start(self, args: list[str], output: Path) -> subprocess.Popen:
+        with open(output, "wb") as sink:
+            process = subprocess.Popen(args, stdout=sink, stderr=subprocess.STDOUT,
+                                       start_new_session=True)
+        self.processes.append(process)
+        return process
+
+    def stop(self, process: subprocess.Popen) -> None:
+        if process.poll() is None:
+            process.terminate()
+            try:
+                process.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait(timeout=5)
+        if process in self.processes:
+            self.processes.remove(process)
+
+    def cleanup(self) -> None:
+        for process in list(self.processes):
+            try:
+                self.stop(process)
+            except Exception as error:  # keep cleaning
+                log(f"cleanup: {error}")
+        for name in reversed(self.created):
+            run(["ip", "netns", "del", name], check=False)
+        self.created.clear()
+
+
+def counters(spaces: Namespaces, ns: str, device: str) -> dict:
+    """The device's statistics files and the GRE sockets' drop counts."""
+    out = spaces.sh(ns, f"cd /sys/class/net/{device}/statistics && "
+                        "for f in rx_packets rx_dropped tx_packets tx_dropped; do "
+                        "echo $f $(cat $f); done; cat /proc/net/raw")
+    values = {}
+    raw_drops = 0
+    for line in out.splitlines():
+        parts = line.split()
+        if len(parts) == 2 and parts[1].isdigit():
+            values[parts[0]] = int(parts[1])
+        elif len(parts) > 12 and parts[0].endswith(":") and parts[1].endswith(":002F"):
+            raw_drops += int(parts[-1])  # sockets of protocol 47
+    values["raw_drops"] = raw_drops
+    return values
+
+
+def cpu_ns(pid: int) -> int:
+    """Time on CPU of every thread of pid, in nanoseconds (kernel's accounting)."""
+    total = 0
+    for task in os.listdir(f"/proc/{pid}/task"):
+        try:
+            with open(f"/proc/{pid}/task/{task}/schedstat") as f:
+                total += int(f.read().split()[0])
+        except FileNotFoundError:
+            pass
+    return total
+
+
+def wait_until(predicate: Callable[[], object], timeout: float, what: str) -> object:
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        value = predicate()
+        if value:
+            return value
+        time.sleep(0.02)
+    raise RuntimeError(f"timed out waiting for {what}")
+
+
+# ---------------------------------------------------------------- the bench
+
+@dataclass
+class Point:
+    direction: str  # "ingress" (GRE->tap) or "egress" (tap->GRE)
+    size: int
+    variant: str
+
+    @property
+    def label(self) -> str:
+        arrow = "GRE->tap" if self.direction == "ingress" else "tap->GRE"
+        return f"{arrow} {self.size} B {self.variant}"
+
+
+@dataclass
+class Outcome:
+    rates: list = field(default_factory=list)      # loss-free rates, pps, one per run
+    limited: list = field(default_factory=list)    # True when the generator was the limit
+    cpu: dict = field(default_factory=dict)        # load -> [ns per packet, ...]
+    cpu_loss: dict = field(default_factory=dict)   # load -> [loss, ...]
+
+
+class Bench:
+    def __init__(self, options):
+        self.o = options
+        build = Path(options.build).resolve()
+        self.vxbrd = str(build / "vxbrd")
+        self.traffic = str(build / "bench" / "bench_traffic")
+        self.relay = str(build / "bench" / "bench_relay")
+        for path in (self.vxbrd, self.traffic, self.relay):
+            if not os.access(path, os.X_OK):
+                raise SystemExit(f"{path} missing: cmake --build {options.build} "
+                                 "--target vxbrd bench_traffic bench_relay")
+        self.spaces = Namespaces(f"vxb{os.getpid()}")
+        self.scratch = Path(tempfile.mkdtemp(prefix="vxbrd-bench-"))
+        self.hub = self.ap = ""
+        self.sink: Optional[subprocess.Popen] = None
+
+    # ------------------------------------------------ topology
+
+    def build_topology(self) -> None:
+        s = self.spaces
+        self.hub, self.ap = s.add("h"), s.add("a")
+        s.ip(self.hub, "link", "add", "hub0", "address", HUB_MAC, "type", "veth",
+             "peer", "name", "ap0", "address", AP_MAC, "netns", self.ap)
+        s.ip(self.hub, "addr", "add", f"{HUB_IP}/24", "dev", "hub0")
+        s.ip(self.ap, "addr", "add", f"{AP_IP}/24", "dev", "ap0")
+        s.ip(self.hub, "link", "set", "hub0", "up")
+        s.ip(self.ap, "link", "set", "ap0", "up")
+        # Fixed neighbours: no ARP among the counted packets.
+        s.ip(self.hub, "neigh", "replace", AP_IP, "lladdr", AP_MAC, "dev", "hub0", "nud", "permanent")
+        s.ip(self.ap, "neigh", "replace", HUB_IP, "lladdr", HUB_MAC, "dev", "ap0", "nud", "permanent")
+        s.ip(self.hub, "tuntap", "add", "dev", "tap0", "mode", "tap")
+        s.ip(self.hub, "link", "set", "tap0", "up")
+        wait_until(lambda: "LOWER_UP" in s.ip(self.ap, "link", "show", "ap0")
+                   and "LOWER_UP" in s.ip(self.hub, "link", "show", "hub0"), 5, "veth carrier")
+
+    # ------------------------------------------------ subjects
+
+    def start_subject(self, subject: str, point: Point) -> subprocess.Popen:
+        vlan, key = VARIANTS[point.variant]
+        name = f"{subject}-{point.direction}-{point.size}-{point.variant}"
+        output = self.scratch / f"{name}.log"
+        if subject == "daemon":
+            config = self.scratch / f"{name}.conf"
+            config.write_text(f"tap0 {vlan if vlan else 1}\n")
+            # A mount namespace with its own /run: the control socket path is fixed.
+            script = (f'mount -t tmpfs tmpfs /run && exec nice -n {self.o.nice} taskset -c 0 '
+                      '"$0" -f -v -c "$1"')
+            process = self.spaces.start(
+                ["ip", "netns", "exec", self.hub, "unshare", "--mount", "--propagation",
+                 "private", "--", "sh", "-c", script, self.vxbrd, str(config)], output)
+            ready = "tap0 ready"
+        else:
+            kind = "minimal" if subject == "relay" else "batched"
+            process = self.spaces.start(
+                ["ip", "netns", "exec", self.hub, "nice", "-n", str(self.o.nice), "taskset", "-c",
+                 "0", self.relay,
+                 point.direction, kind, HUB_IP, AP_IP, "tap0", str(vlan), str(key),
+                 str(self.o.subject_lifetime)], output)
+            ready = "relay: ready"
+
+        def started() -> bool:
+            if process.poll() is not None:
+                raise RuntimeError(f"{subject} ended: {output.read_text()}")
+            return ready in output.read_text(errors="replace")
+
+        wait_until(started, 10, f"{subject} to start")
+        wait_until(lambda: self.comm(process.pid) in ("vxbrd", "bench_relay"), 5,
+                   f"{subject} to exec")
+        if subject == "daemon" and point.direction == "egress":
+            self.prime(point)
+        return process
+
+    @staticmethod
+    def comm(pid: int) -> str:
+        try:
+            with open(f"/proc/{pid}/comm") as f:
+                return f.read().strip()
+        except FileNotFoundError:
+            return ""
+
+    def prime(self, point: Point) -> None:
+        """The daemon learns the client (and its tag and key) from a few GRE
+        packets, so that tap frames to the client have a peer."""
+        self.generate("ingress", point, 1000, 0.02)
+        time.sleep(0.1)
+
+    # ------------------------------------------------ traffic
+
+    def generate(self, direction: str, point: Point, rate: float, seconds: float) -> tuple:
+        vlan, key = VARIANTS[point.variant]
+        if direction == "ingress":
+            args = ["ip", "netns", "exec", self.ap, "nice", "-n", str(self.o.nice), "taskset", "-c",
+                    "1", self.traffic, "gre",
+                    "ap0", AP_MAC, HUB_MAC, AP_IP, HUB_IP, str(point.size), str(vlan), str(key),
+                    f"{rate:.0f}", f"{seconds}"]
+        else:
+            args = ["ip", "netns", "exec", self.hub, "nice", "-n", str(self.o.nice), "taskset", "-c",
+                    "1", self.traffic, "tap",
+                    "tap0", str(point.size), f"{rate:.0f}", f"{seconds}"]
+        out = run(args, timeout=seconds + 20)
+        match = re.search(r"offered=(\d+) seconds=([\d.]+)", out)
+        if not match:
+            raise RuntimeError(f"traffic printed {out!r}")
+        return int(match.group(1)), float(match.group(2))
+
+    def trial(self, point: Point, process: subprocess.Popen, rate: float) -> dict:
+        """One trial at `rate`; repeated (twice at most) while the generator
+        fell far short of the rate, keeping the best attempt."""
+        best = None
+        for _ in range(3):
+            result = self.attempt(point, process, rate)
+            if best is None or result["achieved"] > best["achieved"]:
+                best = result
+            if result["achieved"] >= 0.9 * rate:
+                break
+        return best
+
+    def attempt(self, point: Point, process: subprocess.Popen, rate: float) -> dict:
+        ns, device, counter = ((self.hub, "tap0", "rx_packets") if point.direction == "ingress"
+                               else (self.ap, "ap0", "rx_packets"))
+        before = counters(self.spaces, ns, device)
+        cpu_before = cpu_ns(process.pid)
+        offered, seconds = self.generate(point.direction, point, rate, self.o.trial_seconds)
+        time.sleep(self.o.settle)
+        cpu_after = cpu_ns(process.pid)
+        after = counters(self.spaces, ns, device)
+        if process.poll() is not None:
+            raise RuntimeError(f"subject ended during a trial (exit {process.returncode})")
+        delivered = after[counter] - before[counter]
+        loss = max(0.0, 1.0 - delivered / offered) if offered else 1.0
+        achieved = offered / seconds if seconds > 0 else 0.0
+        result = {"rate": rate, "achieved": achieved, "offered": offered,
+                  "delivered": delivered, "loss": loss,
+                  "cpu_ns": cpu_after - cpu_before,
+                  "raw_drops": after["raw_drops"] - before["raw_drops"],
+                  "limited": achieved < 0.97 * rate}
+        if self.o.verbose:
+            log(f"    {rate / 1e3:8.1f} kpps offered {achieved / 1e3:8.1f} kpps, "
+                f"loss {loss * 100:6.3f} %, raw drops {result['raw_drops']}, "
+                f"cpu {result['cpu_ns'] / max(delivered, 1):7.0f} ns/pkt")
+        return result
+
+    def search(self, point: Point, process: subprocess.Popen, guess: Optional[float]) -> tuple:
+        """Highest achieved offered rate with loss <= 0.1 %, and whether the
+        generator (not the subject) was the limit there. The first run climbs
+        from --low by doubling until a trial loses more, then bisects; later
+        runs bisect within +-30 % of the earlier runs' median. Deep overload
+        is avoided: it only measures how the machine copes with it."""
+        passes = lambda r: r["loss"] <= LOSS_LIMIT
+        best = None
+        if guess:
+            lo, hi, steps = guess * 0.7, guess * 1.3, self.o.narrow_steps
+            for _ in range(4):
+                result = self.trial(point, process, lo)
+                if passes(result):
+                    best = result
+                    break
+                hi, lo = lo, lo * 0.7
+            if best is None:
+                return 0.0, False
+            for _ in range(4):
+                result = self.trial(point, process, hi)
+                if not passes(result) or result["limited"]:
+                    if passes(result):
+                        best = result
+                    break
+                lo, best, hi = hi, result, min(hi * 1.3, self.o.high)
+        else:
+            lo, hi, steps = self.o.low, None, self.o.steps
+            rate = lo
+            while rate <= self.o.high:
+                result = self.trial(point, process, rate)
+                if not passes(result):
+                    hi = rate
+                    break
+                # A generator that no longer gets faster is the limit; one
+                # that was only held up for a moment is not.
+                ceiling = (result["limited"] and best is not None
+                           and result["achieved"] < 1.05 * best["achieved"])
+                lo, best = rate, result
+                if ceiling:
+                    break
+                rate *= 2
+            if best is None:
+                return 0.0, False
+            if hi is None:
+                return best["achieved"], True
+        for _ in range(steps):
+            middle = math.sqrt(lo * hi)
+            result = self.trial(point, process, middle)
+            if passes(result):
+                lo = middle
+                if result["achieved"] > best["achieved"]:
+                    best = result
+            else:
+                hi = middle
+        return best["achieved"], False
+
+    # ------------------------------------------------ the runs
+
+    def measure(self, points: list[Point]) -> dict:
+        outcomes = {(p.label, s): Outcome() for p in points for s in self.o.subjects}
+        self.sink = self.spaces.start(
+            ["ip", "netns", "exec", self.ap, self.traffic, "sink",
+             str(self.o.subject_lifetime * 10)], self.scratch / "sink.log")
+        started = time.monotonic()
+        for run_index in range(self.o.runs):
+            for point in points:
+                for subject in self.o.subjects:
+                    outcome = outcomes[(point.label, subject)]
+                    guess = statistics.median(outcome.rates) if outcome.rates else None
+                    log(f"run {run_index + 1}/{self.o.runs}: {point.label}: {subject} "
+                        f"({time.monotonic() - started:.0f} s)")
+                    process = self.start_subject(subject, point)
+                    try:
+                        rate, limited = self.search(point, process, guess)
+                        outcome.rates.append(rate)
+                        outcome.limited.append(limited)
+                        for load in self.o.loads:
+                            r = self.trial(point, process, load)
+                            outcome.cpu.setdefault(load, []).append(
+                                r["cpu_ns"] / max(r["delivered"], 1))
+                            outcome.cpu_loss.setdefault(load, []).append(r["loss"])
+                    finally:
+                        self.spaces.stop(process)
+                    log(f"    -> {rate / 1e6:.3f} Mpps{' (generator limit)' if limited else ''}")
+        self.spaces.stop(self.sink)
+        return outcomes
+
+    def latency(self) -> dict:
+        """Two daemons (the access point's in server mode, -s); ping across
+        the tunnel against ping across the bare veth, from the access point."""
+        s = self.spaces
+        hub, ap = s.add("lh"), s.add("la")
+        s.ip(hub, "link", "add", "hub0", "type", "veth", "peer", "name", "ap0", "netns", ap)
+        s.ip(hub, "addr", "add", f"{HUB_IP}/24", "dev", "hub0")
+        s.ip(ap, "addr", "add", f"{AP_IP}/24", "dev", "ap0")
+        for ns, address in ((hub, "203.0.113.1/24"), (ap, "203.0.113.2/24")):
+            s.ip(ns, "link", "set", "hub0" if ns == hub else "ap0", "up")
+            s.ip(ns, "tuntap", "add", "dev", "tap0", "mode", "tap")
+            s.ip(ns, "addr", "add", address, "dev", "tap0")
+        daemons = []
+        for ns, cpu, extra in ((hub, 0, ""), (ap, 1, f"-s {HUB_IP}")):
+            config = self.scratch / f"latency-{ns}.conf"
+            config.write_text("tap0 1\n")
+            script = (f'mount -t tmpfs tmpfs /run && exec nice -n {self.o.nice} taskset -c {cpu} '
+                      f'"$0" -f -v {extra} -c "$1"')
+            output = self.scratch / f"latency-{ns}.log"
+            daemons.append(s.start(["ip", "netns", "exec", ns, "unshare", "--mount",
+                                    "--propagation", "private", "--", "sh", "-c", script,
+                                    self.vxbrd, str(config)], output))
+            wait_until(lambda: "tap0 ready" in output.read_text(errors="replace"), 10,
+                       "latency daemon")
+        try:
+            wait_until(lambda: subprocess.run(
+                ["ip", "netns", "exec", ap, "ping", "-c", "1", "-W", "1", "203.0.113.1"],
+                capture_output=True).returncode == 0, 15, "ping across the tunnel")
+            results = {"tunnel": [], "veth": []}
+            for _ in range(self.o.runs):
+                for name, target in (("tunnel", "203.0.113.1"), ("veth", HUB_IP)):
+                    out = run(["ip", "netns", "exec", ap, "ping", "-n", "-c",
+                               str(self.o.pings), "-i", "0.005", "-W", "1", target],
+                              timeout=self.o.pings * 0.1 + 30, check=False)
+                    times = sorted(float(t) for t in re.findall(r"time=([\d.]+) ms", out))
+                    if len(times) < self.o.pings * 0.99:
+                        raise RuntimeError(f"ping {name}: {len(times)} of {self.o.pings} answered")
+                    p99 = times[min(len(times) - 1, math.ceil(0.99 * len(times)) - 1)]
+                    results[name].append((statistics.median(times), p99))
+            return results
+        finally:
+            for daemon in daemons:
+                s.stop(daemon)
+
+
+# ---------------------------------------------------------------- the table
+
+def median_spread(values: list) -> tuple:
+    m = statistics.median(values)
+    spread = (max(values) - min(values)) / m if m else 0.0
+    return m, spread
+
+
+def rate_cell(outcome: Outcome) -> str:
+    m, spread = median_spread(outcome.rates)
+    mark = ">" if any(outcome.limited) else ""
+    return f"{mark}{m / 1e6:.3f} ±{spread * 50:.0f}%"
+
+
+def cpu_cell(outcome: Outcome, loads: list) -> str:
+    cells = []
+    for load in loads:
+        m, spread = median_spread(outcome.cpu[load])
+        lossy = "*" if statistics.median(outcome.cpu_loss[load]) > LOSS_LIMIT else ""
+        cells.append(f"{m:.0f}{lossy}")
+    return " / ".join(cells)
+
+
+def ratio(a: float, b: float) -> str:
+    return f"{a / b:.2f}" if b else "-"
+
+
+def table(points: list[Point], outcomes: dict, options) -> str:
+    loads = "/".join(f"{l / 1e3:g}k" for l in options.loads)
+    subjects = options.subjects
+    head = ["point"] + [f"{s} Mpps" for s in subjects]
+    if "relay" in subjects:
+        head.append("daemon/relay")
+    if "batched" in subjects:
+        head.append("daemon/batched")
+    head += [f"{s} ns/pkt @{loads}" for s in subjects]
+    if "relay" in subjects:
+        head.append("CPU daemon/relay")
+    lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
+    for p in points:
+        o = {s: outcomes[(p.label, s)] for s in subjects}
+        rate = {s: statistics.median(o[s].rates) for s in subjects}
+        row = [p.label] + [rate_cell(o[s]) for s in subjects]
+        if "relay" in subjects:
+            row.append(ratio(rate["daemon"], rate["relay"]))
+        if "batched" in subjects:
+            row.append(ratio(rate["daemon"], rate["batched"]))
+        row += [cpu_cell(o[s], options.loads) for s in subjects]
+        if "relay" in subjects:
+            row.append(" / ".join(ratio(statistics.median(o["daemon"].cpu[l]),
+                                        statistics.median(o["relay"].cpu[l]))
+                                  for l in options.loads))
+        lines.append("| " + " | ".join(row) + " |")
+    return "\n".join(lines)
+
+
+def latency_table(results: dict) -> str:
+    tunnel_median = statistics.median(r[0] for r in results["tunnel"])
+    tunnel_p99 = statistics.median(r[1] for r in results["tunnel"])
+    veth_median = statistics.median(r[0] for r in results["veth"])
+    veth_p99 = statistics.median(r[1] for r in results["veth"])
+    return "\n".join([
+        "| round trip (ms) | median | 99th percentile |",
+        "|---|---|---|",
+        f"| bare veth | {veth_median:.3f} | {veth_p99:.3f} |",
+        f"| two-daemon tunnel | {tunnel_median:.3f} | {tunnel_p99:.3f} |",
+        f"| added by the tunnel | {tunnel_median - veth_median:.3f} | "
+        f"{tunnel_p99 - veth_p99:.3f} |",
+    ])
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0],
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", default="build-perf", help="build directory (vxbrd, bench/)")
+    parser.add_argument("--quick", action="store_true",
+                        help="64-byte frames, both variants, 1 run, short trials")
+    parser.add_argument("--runs", type=int, default=5, help="runs per point (default 5)")
+    parser.add_argument("--sizes", default="64,512,1400", help="inner frame sizes in bytes")
+    parser.add_argument("--variants", default="plain,tag+key", help="plain and/or tag+key")
+    parser.add_argument("--directions", default="ingress,egress")
+    parser.add_argument("--subjects", default=",".join(SUBJECTS))
+    parser.add_argument("--trial-seconds", type=float, default=0.5, help="traffic per trial")
+    parser.add_argument("--settle", type=float, default=0.15, help="drain time after a trial")
+    parser.add_argument("--low", type=float, default=20e3, help="search floor, pps")
+    parser.add_argument("--high", type=float, default=1.6e6, help="search ceiling, pps")
+    parser.add_argument("--steps", type=int, default=5,
+                        help="bisection steps after the first run's doubling")
+    parser.add_argument("--narrow-steps", type=int, default=4,
+                        help="bisection steps in +-30%% of the earlier runs' median")
+    parser.add_argument("--loads", default="50000,150000", help="fixed loads for CPU/packet, pps")
+    parser.add_argument("--nice", type=int, default=-20,
+                        help="niceness of subjects and traffic (shared machines; 0: none)")
+    parser.add_argument("--pings", type=int, default=300, help="pings per latency run")
+    parser.add_argument("--no-latency", action="store_true")
+    parser.add_argument("--output", help="also write the tables (Markdown) to this file")
+    parser.add_argument("--keep-logs", action="store_true", help="keep subjects' logs")
+    parser.add_argument("--verbose", "-v", action="store_true", help="print every trial")
+    options = parser.parse_args()
+    if options.quick:
+        options.runs = min(options.runs, 1) if "--runs" not in sys.argv else options.runs
+        if "--sizes" not in sys.argv:
+            options.sizes = "64"
+        options.trial_seconds = 0.3
+        options.steps = 4
+        options.pings = 100
+    options.sizes = [int(x) for x in options.sizes.split(",")]
+    options.variants = [v for v in options.variants.split(",") if v]
+    options.directions = [d for d in options.directions.split(",") if d]
+    options.subjects = [s for s in options.subjects.split(",") if s]
+    options.loads = [float(x) for x in options.loads.split(",")]
+    options.subject_lifetime = 600
+    if "daemon" not in options.subjects or any(s not in SUBJECTS for s in options.subjects):
+        raise SystemExit(f"--subjects: daemon and any of {SUBJECTS}")
+    if any(v not in VARIANTS for v in options.variants):
+        raise SystemExit(f"--variants: any of {list(VARIANTS)}")
+    if os.geteuid() != 0:
+        raise SystemExit("run as root: namespaces, raw sockets, taps")
+    if os.cpu_count() and os.cpu_count() >= 2:
+        os.sched_setaffinity(0, {1})  # keep the harness off the subject's CPU
+
+    points = [Point(d, size, v) for d in options.directions for size in options.sizes
+              for v in options.variants]
+    bench = Bench(options)
+    interrupted = []
+    signal.signal(signal.SIGTERM, lambda *_: interrupted.append(1) or sys.exit(1))
+    started = time.monotonic()
+    try:
+        bench.build_topology()
+        outcomes = bench.measure(points)
+        latency = None if options.no_latency else bench.latency()
+    finally:
+        bench.spaces.cleanup()
+        if options.keep_logs:
+            log(f"logs kept in {bench.scratch}")
+        else:
+            shutil.rmtree(bench.scratch, ignore_errors=True)
+    kernel = os.uname().release
+    text = [f"Kernel {kernel}, {os.cpu_count()} CPUs; subject on CPU 0, traffic on CPU 1; "
+            f"{options.runs} run(s) per point, {options.trial_seconds} s trials, "
+            f"loss limit {LOSS_LIMIT * 100:g} %, {time.monotonic() - started:.0f} s in all.",
+            "",
+            table(points, outcomes, options),
+            "",
+            "Mpps: median loss-free offered rate, ± half the range over the runs; '>' the "
+            "generator, not the subject, was the limit. ns/pkt: subject CPU time per delivered "
+            "packet at the fixed offered loads ('*': more than 0.1 % lost there)."]
+    if latency:
+        text += ["", latency_table(latency)]
+    report = "\n".join(text)
+    print(report)
+    if options.output:
+        Path(options.output).write_text(report + "\n")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
