@@ -25,9 +25,12 @@ vxbrd=$root/build/vxbrd
 hub=vxbrd-demo-hub-$$
 ap=vxbrd-demo-ap-$$
 work=$(mktemp -d)
-pids=()
 cleanup() {
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+    # Everything still running in the demo's namespaces goes, then the
+    # namespaces themselves.
+    for ns in "$hub" "$ap"; do
+        for pid in $(ip netns pids "$ns" 2>/dev/null); do kill -9 "$pid" 2>/dev/null || true; done
+    done
     wait 2>/dev/null || true
     ip netns del "$hub" 2>/dev/null || true
     ip netns del "$ap" 2>/dev/null || true
@@ -60,9 +63,8 @@ echo "--- hub configuration"; cat "$work/hub.conf"
 start() {  # start NS LOG ARGS...
     local ns=$1 log=$2
     shift 2
-    in_ns "$ns" unshare --mount sh -c 'mount -t tmpfs tmpfs /run && exec "$@"' vxbrd "$@" \
+    ip netns exec "$ns" unshare --mount sh -c 'mount -t tmpfs tmpfs /run && exec "$@"' vxbrd "$@" \
         >"$log.out" 2>"$log.err" &
-    pids+=($!)
 }
 start "$hub" "$work/hub" "$vxbrd" -f -v -c "$work/hub.conf"
 start "$ap" "$work/ap" "$vxbrd" -f -v -s 192.0.2.1 -c "$work/ap.conf"
