@@ -38,7 +38,8 @@ def hub(lab):
 def start(lab, hub, binary, write_config, config_text, options=("-f", "-v"), last_line=None):
     conf = write_config(config_text)
     daemon = lab.start_vxbrd(hub, binary, [*options, "-c", conf])
-    log = daemon.wait_for_log(last_line or "Listening on interface: veth0 (2001:db8::1)")
+    # veth0's IPv6 endpoint is the last one the hub's own addresses make.
+    log = daemon.wait_for_log(last_line or "veth0 (ip://2001:db8::1) ready")
     return daemon, log
 
 
@@ -111,7 +112,9 @@ def test_vlan_interface_with_three_ipv4_addresses_is_skipped(lab, hub, vxbrd_bin
     for address in ("198.51.100.1/24", "198.51.100.2/24", "198.51.100.3/24",
                     "2001:db8:10::1/64"):
         hub.add_address("vlan10", address)
-    daemon, log = start(lab, hub, vxbrd_binary, write_config, "")
+    # vlan10's IPv6 line follows veth0's: wait for it, not for the usual last line.
+    daemon, log = start(lab, hub, vxbrd_binary, write_config, "",
+                        last_line="Listening on interface: vlan10 (2001:db8:10::1)")
     assert_in_order(log, [
         "Listening on interface: veth0 (192.0.2.1)",
         "Skipping interface: vlan10 (198.51.100.1). VLAN interface with > 2 ipaddrs (3)",
@@ -210,7 +213,8 @@ def test_forwarded_vlans(lab, hub, vxbrd_binary, write_config):
 def test_ipv6_forward_line_configures_nothing(lab, hub, vxbrd_binary, write_config):
     conf = write_config("vlan40 forward-to-vym 2001:db8::40\n")
     daemon = lab.start_vxbrd(hub, vxbrd_binary, ["-f", "-v", "-c", conf])
-    log = daemon.wait_for_log("Listening on interface: veth0 (2001:db8::1)")
+    # The last line of start-up: a forwarding line would have come before it.
+    log = daemon.wait_for_log("veth0 (ip://2001:db8::1) ready")
     assert daemon.stderr().startswith(
         f"{conf}:1 IPv6 Not supported for forward-to-vym '2001:db8::40'\n")
     assert "Listening for forwarding on all IPv4 addresses" not in log
