@@ -31,11 +31,15 @@ since a live process would keep the namespace and its interfaces alive.
 
 from __future__ import annotations
 
+import array
+import fcntl
 import itertools
 import os
 import re
+import select
 import signal
 import subprocess
+import termios
 import threading
 import time
 from typing import Callable, Iterable, Optional, Sequence
@@ -217,15 +221,26 @@ class VxbrdProcess:
     def _pump(self, stream, sink: bytearray) -> None:
         fd = stream.fileno()
         while True:
-            try:
-                chunk = os.read(fd, 65536)
-            except OSError:
-                chunk = b""
+            # Read under the lock once data is there, so that a reader who
+            # holds the lock and finds the pipe empty has everything written.
+            select.select([fd], [], [])
             with self._changed:
+                try:
+                    chunk = os.read(fd, 65536)
+                except OSError:
+                    chunk = b""
                 sink.extend(chunk)
                 self._changed.notify_all()
             if not chunk:
                 return
+
+    def stdout_complete(self) -> Optional[str]:
+        """All the process has written to stdout so far, or None while some
+        of it is still in the pipe."""
+        with self._changed:
+            unread = array.array("i", [0])
+            fcntl.ioctl(self.process.stdout.fileno(), termios.FIONREAD, unread)
+            return None if unread[0] else self._out.decode(errors="replace")
 
     @property
     def pid(self) -> int:

@@ -421,9 +421,12 @@ def control_output_mark(daemon: VxbrdProcess, timeout: float = 5.0) -> int:
     """The length of the daemon's standard output once every connection it
     reported accepted is also reported closed: a position after which only
     lines of connections made from now on appear. (The lines come through a
-    pipe, so those of connections that just ended may still be on the way.)"""
+    pipe: those of connections that just ended are waited for until the pipe
+    is empty.)"""
     def settled():
-        out = daemon.stdout()
+        out = daemon.stdout_complete()
+        if out is None:
+            return None
         if (out.count("Accepted connection. ") == out.count("Connection closed. ")
                 and (not out or out.endswith("\n"))):
             return len(out) + 1  # + 1: a true value even for empty output
