@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "vif/Descriptor.h"
+#include "vif/TAP"
 #include "vif/ip_platform.h"
 
 namespace lumora::vif {
@@ -25,6 +26,7 @@ constexpr long kMinMtu = 576;
 constexpr long kMaxMtu = 1480;
 constexpr uint16_t kIPv4HeaderMin = 20;
 constexpr uint16_t kIPv6HeaderSize = 40;
+constexpr time_t kReadTimeoutSeconds = 5;
 
 void setSocketBuffers(Logger* logger, int fd, const char* name) {
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer) < 0) {
@@ -39,8 +41,8 @@ void setSocketBuffers(Logger* logger, int fd, const char* name) {
 
 }  // namespace
 
-IP::SendCalls IP::send_calls = {::sendto, ::usleep};
-IP::ReceiveCalls IP::receive_calls = {::recvfrom};
+IP::SendCalls IP::send_calls = {::sendto, ::usleep, platform::sendDatagrams};
+IP::ReceiveCalls IP::receive_calls = {platform::receiveDatagrams};
 
 IP::IP(Logger* logger, in_addr address, const std::string& interface)
     : logger(logger),
@@ -67,6 +69,8 @@ IP::IP(Logger* logger, const in6_addr& address, const std::string& interface)
 }
 
 IP::~IP() {
+    // The reading thread's held frame writes go out; it holds none from now on.
+    TAP::holdWrites(false);
     if (ipv4_socket >= 0) ::close(ipv4_socket);
     if (ipv6_socket >= 0) ::close(ipv6_socket);
 }
@@ -82,6 +86,7 @@ void IP::openIPv4() {
     if (!sock.valid()) failCall(logger, name_text, "socket()");
     setSocketBuffers(logger, sock.get(), name_text);
     platform::setDontFragment(logger, sock.get(), name_text);
+    prepareReceive(sock.get());
 
     // A failed bind leaves a socket that still sends and receives on every
     // address; deployments rely on the endpoint coming up regardless.
@@ -102,6 +107,7 @@ void IP::openIPv6() {
     Descriptor sock(::socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, protocol));
     if (!sock.valid()) failCall(logger, name_text, "socket(v6)");
     setSocketBuffers(logger, sock.get(), name_text);
+    prepareReceive(sock.get());
     // No don't-fragment option: IPv6 routers never fragment anyway.
 
     // Link-local addresses need the interface's scope to be bound; the check
@@ -120,6 +126,23 @@ void IP::openIPv6() {
     logger->log(Notice, "%s ready", name_text);
 }
 
+// The receive buffer is cut into equal slots, one per datagram of a batch;
+// a slot of 65535 bytes still holds the largest IP datagram. The read
+// time-out goes on the socket itself so that a read waits inside the receive;
+// where the option is refused, reads wait in select as before (silently: the
+// endpoint behaves the same either way).
+void IP::prepareReceive(int fd) {
+    batch_limit = platform::receiveBatchLimit();
+    if (batch_limit == 0 || batch_limit > kMaxBatch) batch_limit = 1;
+    const size_t slot = kBufferSize / batch_limit;
+    for (unsigned i = 0; i < batch_limit; ++i) {
+        batch[i].data = buffer.get() + i * slot;
+        batch[i].capacity = slot;
+    }
+    const timeval timeout{kReadTimeoutSeconds, 0};
+    timed_receive = setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
+}
+
 const char* IP::name() const { return name_text; }
 
 long IP::mtu() const { return mtu_value; }
@@ -134,7 +157,37 @@ void IP::setMtu(long mtu) {
 
 uint32_t IP::family() const { return ipv6_socket >= 0 ? AF_INET6 : AF_INET; }
 
+// Datagrams already taken from the kernel are handed out first. Otherwise a
+// single socket with its own time-out is read with one receive that waits at
+// most 5 s and takes everything queued behind the first datagram; a socket
+// without it (or an endpoint with both families) is drained without waiting
+// and only then waited for in select.
 pdu::PDU IP::read() {
+    if (batch_next < batch_count) return take(batch[batch_next++]);
+    // The frames written for the last batch go out before receiving again.
+    TAP::holdWrites(false);
+    batch_count = batch_next = 0;
+    const bool single = ipv4_socket < 0 || ipv6_socket < 0;
+    if (single && timed_receive) {
+        const bool ipv4 = ipv4_socket >= 0;
+        const int got =
+            receive_calls.receive(ipv4 ? ipv4_socket : ipv6_socket, batch, batch_limit, true);
+        if (got > 0) return startBatch(ipv4, got);
+        if (got == 0 || errno == EAGAIN || errno == EWOULDBLOCK) throw ReadTimeout{};
+        if (errno == EINTR) throw ReadError{};  // the wait itself was cut short
+        failCall(logger, name_text, "recvfrom()");
+    }
+    for (const int fd : {ipv4_socket, ipv6_socket}) {
+        if (fd < 0) continue;
+        const int got = receive_calls.receive(fd, batch, batch_limit, false);
+        if (got > 0) return startBatch(fd == ipv4_socket, got);
+        if (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+            failCall(logger, name_text, "recvfrom()");
+    }
+    return receiveWaiting();
+}
+
+pdu::PDU IP::receiveWaiting() {
     fd_set readable;
     FD_ZERO(&readable);
     int highest = -1;
@@ -143,49 +196,59 @@ pdu::PDU IP::read() {
         FD_SET(fd, &readable);
         if (fd > highest) highest = fd;
     }
-    timeval timeout{5, 0};
+    timeval timeout{kReadTimeoutSeconds, 0};
     const int ready = ::select(highest + 1, &readable, nullptr, nullptr, &timeout);
     if (ready == 0) throw ReadTimeout{};
     if (ready < 0) throw ReadError{};
-    if (ipv4_socket >= 0 && FD_ISSET(ipv4_socket, &readable)) return receive(ipv4_socket, true);
-    if (ipv6_socket >= 0 && FD_ISSET(ipv6_socket, &readable)) return receive(ipv6_socket, false);
-    throw ReadError{};
+    bool ipv4 = true;
+    int fd = -1;
+    if (ipv4_socket >= 0 && FD_ISSET(ipv4_socket, &readable)) {
+        fd = ipv4_socket;
+    } else if (ipv6_socket >= 0 && FD_ISSET(ipv6_socket, &readable)) {
+        fd = ipv6_socket;
+        ipv4 = false;
+    } else {
+        throw ReadError{};
+    }
+    const int got = receive_calls.receive(fd, batch, batch_limit, true);
+    if (got < 0) failCall(logger, name_text, "recvfrom()");
+    if (got == 0) throw ReadError{};
+    return startBatch(ipv4, got);
 }
 
-// The PDU offsets are 16-bit, so the count is taken modulo 65536.
-pdu::PDU IP::receive(int fd, bool ipv4) {
+pdu::PDU IP::startBatch(bool ipv4, int count) {
+    // A batch of one is written at once: holding would only add a copy.
+    if (count > 1) TAP::holdWrites(true);
+    batch_ipv4 = ipv4;
+    batch_count = static_cast<unsigned>(count);
+    batch_next = 1;
+    return take(batch[0]);
+}
+
+// One datagram of the batch. The sender is recorded before the datagram is
+// judged; the PDU offsets are 16-bit, so the count is taken modulo 65536.
+pdu::PDU IP::take(const Datagram& datagram) {
     pdu::PDU p;
-    p._buf = buffer.get();
-    if (ipv4) {
-        sockaddr_in source{};
-        socklen_t size = sizeof source;
-        const ssize_t got = receive_calls.recvfrom(fd, buffer.get(), kBufferSize, 0,
-                                                   reinterpret_cast<sockaddr*>(&source), &size);
-        if (got < 0) failCall(logger, name_text, "recvfrom()");
+    p._buf = datagram.data;
+    const auto n = static_cast<uint16_t>(datagram.length);
+    if (batch_ipv4) {
         sender_family = AF_INET;
-        sender_ipv4 = source.sin_addr;
+        sender_ipv4 = datagram.source.ipv4.sin_addr;
         // A raw IPv4 socket hands over the whole datagram: skip its header,
         // options included, so the view starts at the GRE header.
-        const auto n = static_cast<uint16_t>(got);
         if (n < kIPv4HeaderMin) throw pdu::kInvalid;
-        const auto header_length = static_cast<uint16_t>((buffer[0] & 0x0F) * 4);
+        const auto header_length = static_cast<uint16_t>((datagram.data[0] & 0x0F) * 4);
         if (header_length < kIPv4HeaderMin || n < header_length) throw pdu::kInvalid;
         p._cap = n;
         p._begin = header_length;
         p._end = n;
         return p;
     }
-    sockaddr_in6 source{};
-    socklen_t size = sizeof source;
-    const ssize_t got = receive_calls.recvfrom(fd, buffer.get(), kBufferSize, 0,
-                                               reinterpret_cast<sockaddr*>(&source), &size);
-    if (got < 0) failCall(logger, name_text, "recvfrom()");
     sender_family = AF_INET6;
-    sender_ipv6 = source.sin6_addr;
+    sender_ipv6 = datagram.source.ipv6.sin6_addr;
     // A raw IPv6 socket delivers only the payload. Payloads shorter than an
     // IPv6 header are still refused: deployed access points never send them,
     // and the minimum has always been enforced.
-    const auto n = static_cast<uint16_t>(got);
     if (n < kIPv6HeaderSize) throw pdu::kInvalid;
     p._cap = n;
     p._begin = 0;
@@ -227,22 +290,18 @@ void IP::sendDatagram(int fd, pdu::PDU p, const sockaddr* destination, socklen_t
         logger->log(Warning, "%s packet too big: %d (len) > %d (mtu)", name_text, length,
                     static_cast<int>(mtu_value));
     }
-    // Give a congested socket a moment to drain, then send regardless. A
-    // descriptor that select cannot hold (none open for this family) goes
-    // straight to sendto, which reports it.
-    if (fd >= 0 && fd < FD_SETSIZE) {
-        fd_set writable;
-        FD_ZERO(&writable);
-        FD_SET(fd, &writable);
-        timeval timeout{0, 100000};
-        if (::select(fd + 1, nullptr, &writable, nullptr, &timeout) < 0) {
-            const int error = errno;
-            logger->log(Warning, "%s select(): %s", name_text, std::strerror(error));
-            return;
-        }
-    }
-    // Returns 0 when the whole datagram went out, else the errno. A raw socket
-    // sends whole datagrams; a short count without an errno counts as EIO.
+    if (holdSend(fd, p, destination, size)) return;
+    errno = 0;
+    const ssize_t sent = send_calls.sendto(fd, p.data(), static_cast<size_t>(length), MSG_DONTWAIT,
+                                           destination, size);
+    finishSend(fd, p, destination, size, sent == length ? 0 : (errno != 0 ? errno : EIO));
+}
+
+// Picks up after a first attempt, immediate or batched, that failed with
+// error. A raw socket sends whole datagrams; a short count without an errno
+// counts as EIO.
+void IP::finishSend(int fd, pdu::PDU p, const sockaddr* destination, socklen_t size, int error) {
+    const int length = p.length();
     const auto attempt_send = [&]() -> int {
         errno = 0;
         const ssize_t sent =
@@ -250,7 +309,23 @@ void IP::sendDatagram(int fd, pdu::PDU p, const sockaddr* destination, socklen_t
         if (sent == length) return 0;
         return errno != 0 ? errno : EIO;
     };
-    int error = attempt_send();
+    // Only a socket whose send buffer is full is given a moment to drain
+    // (then the datagram is sent regardless). A descriptor that select cannot
+    // hold goes straight to the waiting send.
+    if (error == EAGAIN || error == EWOULDBLOCK) {
+        if (fd >= 0 && fd < FD_SETSIZE) {
+            fd_set writable;
+            FD_ZERO(&writable);
+            FD_SET(fd, &writable);
+            timeval timeout{0, 100000};
+            if (::select(fd + 1, nullptr, &writable, nullptr, &timeout) < 0) {
+                const int select_error = errno;
+                logger->log(Warning, "%s select(): %s", name_text, std::strerror(select_error));
+                return;
+            }
+        }
+        error = attempt_send();
+    }
     for (int attempt = 1, delay = 100; error != 0; ++attempt, delay += 100) {
         if (error != ENOBUFS) {
             logger->log(Warning, "%s sendto(): %d (%s)", name_text, error, std::strerror(error));

@@ -3,10 +3,13 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
 #include "vif/Descriptor.h"
+#include "vif/IP"
 #include "vif/tap_platform.h"
 
 namespace lumora::vif {
@@ -17,6 +20,9 @@ constexpr long kMinMtu = 72;
 constexpr long kMaxMtu = 1500;
 // The read is bounded by the space behind the headroom.
 constexpr uint16_t kReadSize = TAP::kBufferSize - TAP::kHeadroom;
+// A waiting read that returns sooner than this found its frame already
+// queued (a read that sleeps takes longer than a wake-up): a burst is on.
+constexpr auto kBurstGap = std::chrono::microseconds(5);
 
 }  // namespace
 
@@ -37,6 +43,9 @@ TAP::TAP(Logger* logger, const char* interface)
 }
 
 TAP::~TAP() {
+    // Whatever this thread still holds goes out; it holds nothing from now on.
+    IP::holdSends(false);
+    holdWrites(false);
     if (fd >= 0) ::close(fd);
 }
 
@@ -60,8 +69,36 @@ std::array<uint8_t, 6> TAP::mac() const {
 }
 
 pdu::PDU TAP::read() {
-    const ssize_t got = ::read(fd, buffer.get() + kHeadroom, kReadSize);
-    if (got < 0) failCall(logger, name_text, "read()");
+    uint8_t* frame = buffer.get() + kHeadroom;
+    ssize_t got = -1;
+    bool queued = false;
+    if (IP::heldSends() != 0) {
+        // During a burst: take the next frame if one is queued, else hand the
+        // held sends over before waiting.
+        got = platform::readIfQueued(fd, frame, kReadSize);
+        if (got >= 0) {
+            queued = true;
+        } else {
+            const int error = errno;
+            IP::flushHeldSends();
+            if (error == EOPNOTSUPP) nowait_reads = false;
+            if (error != EAGAIN && error != EWOULDBLOCK && error != EOPNOTSUPP && error != EINTR) {
+                errno = error;
+                failCall(logger, name_text, "read()");
+            }
+        }
+    }
+    if (!queued) {
+        const auto start = std::chrono::steady_clock::now();
+        got = ::read(fd, frame, kReadSize);
+        if (got < 0) failCall(logger, name_text, "read()");
+        queued = std::chrono::steady_clock::now() - start < kBurstGap;
+    }
+    // Two frames in a row that were already waiting make a burst; one alone
+    // is too often chance, and probing for a next frame that is not there
+    // costs more than holding saves.
+    IP::holdSends(queued && previous_queued && nowait_reads);
+    previous_queued = queued;
     // Cannot trigger with a bounded read; kept as a guard on the 16-bit offsets.
     const auto n = static_cast<uint16_t>(got);
     if (n > kReadSize) throw pdu::kInvalid;
@@ -75,6 +112,7 @@ pdu::PDU TAP::read() {
 
 // One write, no retry: a frame the device does not take whole is dropped.
 pdu::IReadWriter& TAP::write(pdu::PDU p) {
+    if (holdWrite(p)) return *this;
     const int length = p.length();
     const ssize_t sent = write_call(fd, p.data(), static_cast<size_t>(length));
     if (sent != length) {

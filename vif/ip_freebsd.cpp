@@ -40,4 +40,34 @@ socklen_t makeIPv6Address(sockaddr_in6& out, const in6_addr& address, uint32_t s
     return sizeof out;
 }
 
+// FreeBSD's recvmmsg is a library loop around recvmsg: nothing to gain, so
+// one datagram per receive, into a slot as large as the whole buffer.
+unsigned receiveBatchLimit() { return 1; }
+
+int receiveDatagrams(int fd, IP::Datagram* batch, unsigned count, bool wait) {
+    if (count == 0) return 0;
+    socklen_t size = sizeof batch[0].source;
+    const ssize_t got = ::recvfrom(fd, batch[0].data, batch[0].capacity, wait ? 0 : MSG_DONTWAIT,
+                                   reinterpret_cast<sockaddr*>(&batch[0].source), &size);
+    if (got < 0) return -1;
+    batch[0].length = static_cast<size_t>(got);
+    return 1;
+}
+
+// sendmmsg is a library loop here too: sends are never held, and this
+// stands only for completeness (one sendto per datagram).
+unsigned sendBatchLimit() { return 1; }
+
+int sendDatagrams(int fd, const IP::Outgoing* list, unsigned count) {
+    for (unsigned i = 0; i < count; ++i) {
+        const ssize_t sent = ::sendto(fd, list[i].data, list[i].length, MSG_DONTWAIT,
+                                      list[i].destination, list[i].size);
+        if (sent != static_cast<ssize_t>(list[i].length)) {
+            if (sent >= 0) errno = EIO;
+            return i == 0 ? -1 : static_cast<int>(i);
+        }
+    }
+    return static_cast<int>(count);
+}
+
 }  // namespace lumora::vif::platform

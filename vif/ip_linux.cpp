@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "vif/ip_platform.h"
 
@@ -38,6 +39,53 @@ socklen_t makeIPv6Address(sockaddr_in6& out, const in6_addr& address, uint32_t s
     out.sin6_addr = address;
     out.sin6_scope_id = scope_id;
     return sizeof out;
+}
+
+// recvmmsg takes every queued datagram (up to count) in one system call.
+unsigned receiveBatchLimit() { return IP::kMaxBatch; }
+
+int receiveDatagrams(int fd, IP::Datagram* batch, unsigned count, bool wait) {
+    mmsghdr messages[IP::kMaxBatch];
+    iovec slots[IP::kMaxBatch];
+    if (count > std::size(messages)) count = std::size(messages);
+    for (unsigned i = 0; i < count; ++i) {
+        slots[i].iov_base = batch[i].data;
+        slots[i].iov_len = batch[i].capacity;
+        msghdr& header = messages[i].msg_hdr;
+        header.msg_name = &batch[i].source;
+        header.msg_namelen = sizeof batch[i].source;
+        header.msg_iov = &slots[i];
+        header.msg_iovlen = 1;
+        header.msg_control = nullptr;
+        header.msg_controllen = 0;
+        header.msg_flags = 0;
+    }
+    // MSG_WAITFORONE: block (within the socket's receive time-out) for the
+    // first datagram only, then take what is already queued.
+    const int got = ::recvmmsg(fd, messages, count, wait ? MSG_WAITFORONE : MSG_DONTWAIT, nullptr);
+    for (int i = 0; i < got; ++i) batch[i].length = messages[i].msg_len;
+    return got;
+}
+
+unsigned sendBatchLimit() { return 32; }
+
+int sendDatagrams(int fd, const IP::Outgoing* list, unsigned count) {
+    mmsghdr messages[32];
+    iovec pieces[32];
+    if (count > std::size(messages)) count = std::size(messages);
+    for (unsigned i = 0; i < count; ++i) {
+        pieces[i].iov_base = const_cast<uint8_t*>(list[i].data);
+        pieces[i].iov_len = list[i].length;
+        msghdr& header = messages[i].msg_hdr;
+        header.msg_name = const_cast<sockaddr*>(list[i].destination);
+        header.msg_namelen = list[i].size;
+        header.msg_iov = &pieces[i];
+        header.msg_iovlen = 1;
+        header.msg_control = nullptr;
+        header.msg_controllen = 0;
+        header.msg_flags = 0;
+    }
+    return ::sendmmsg(fd, messages, count, MSG_DONTWAIT);
 }
 
 }  // namespace lumora::vif::platform

@@ -12,6 +12,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -69,6 +70,17 @@ OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* li
 
     opened.mtu = static_cast<uint16_t>(info.mtu);
     return opened;
+}
+
+// No batched tap writes on FreeBSD: every frame is its own write.
+unsigned writeBatchLimit() { return 1; }
+
+bool writeFrames(const TAP::Outgoing*, unsigned, ssize_t*) { return false; }
+
+// Sends are never held on FreeBSD, so this is never asked; it says so.
+ssize_t readIfQueued(int, void*, size_t) {
+    errno = EOPNOTSUPP;
+    return -1;
 }
 
 void setTapMtu(Logger* logger, int fd, const char* name, long mtu) {

@@ -18,6 +18,7 @@
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <cstdio>
 #include <cstring>
@@ -79,6 +80,12 @@ OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* li
     if (::ioctl(sock.get(), SIOCGIFMTU, &request) < 0) failCall(logger, name, "SIOCGIFMTU");
     opened.mtu = static_cast<uint16_t>(request.ifr_mtu);
     return opened;
+}
+
+// The tun driver honours RWF_NOWAIT: an empty queue answers EAGAIN at once.
+ssize_t readIfQueued(int fd, void* data, size_t size) {
+    iovec piece{data, size};
+    return ::preadv2(fd, &piece, 1, -1, RWF_NOWAIT);
 }
 
 void setTapMtu(Logger* logger, int, const char* name, long mtu) {

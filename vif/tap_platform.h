@@ -4,11 +4,14 @@
 // first and thrown as int errno (22 for a device that is not Ethernet).
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 #include "app/Logger.h"
 #include "pdu/PDU.h"
 #include "vif/Descriptor.h"
+#include "vif/TAP"
 
 namespace lumora::vif::platform {
 
@@ -23,6 +26,17 @@ struct OpenedTap {
 // (16 bytes) receives length, family and the 6-byte MAC. interface must stay
 // valid for the call only.
 OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address);
+
+// Reads one frame only if one is already queued: -1 with errno EAGAIN when
+// none is, or EOPNOTSUPP where the device cannot be read without waiting.
+ssize_t readIfQueued(int fd, void* data, size_t size);
+
+// Most frames one batched write should take; 1 where writes cannot be
+// batched (held writes are then never used).
+unsigned writeBatchLimit();
+
+// The default batched write (see TAP::write_batch_call).
+bool writeFrames(const TAP::Outgoing* frames, unsigned count, ssize_t* results);
 
 // Sets the interface MTU in the kernel (value already validated).
 void setTapMtu(Logger* logger, int fd, const char* name, long mtu);

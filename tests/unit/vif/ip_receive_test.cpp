@@ -54,7 +54,7 @@ Bytes ipv4Datagram(const Bytes& options, const Bytes& payload) {
 }
 
 class GreReceiveTest : public VifNetTest {
-protected:
+  protected:
     GreReceiveTest() { needs_link = true; }
     std::unique_ptr<IP> openIPv4() {
         ScopedNetns in(hub);
@@ -93,18 +93,18 @@ protected:
     }
 };
 
-// Substitutes for recvfrom: the real receive, then a change to what it got.
+// Substitutes for the endpoint's receive: the real receive, then a change to
+// the first datagram it got.
 int forced_header_byte = -1;
 ssize_t forced_count = -1;
 int forced_errno = 0;
+int (*real_receive)(int, IP::Datagram*, unsigned, bool) = nullptr;
 
-ssize_t alteredRecvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* from,
-                        socklen_t* length) {
-    ssize_t got = ::recvfrom(fd, buffer, size, flags, from, length);
+int alteredReceive(int fd, IP::Datagram* batch, unsigned count, bool wait) {
+    const int got = real_receive(fd, batch, count, wait);
     if (got <= 0) return got;
-    if (forced_header_byte >= 0)
-        static_cast<uint8_t*>(buffer)[0] = static_cast<uint8_t>(forced_header_byte);
-    if (forced_count >= 0) got = forced_count;
+    if (forced_header_byte >= 0) batch[0].data[0] = static_cast<uint8_t>(forced_header_byte);
+    if (forced_count >= 0) batch[0].length = static_cast<size_t>(forced_count);
     if (forced_errno != 0) {
         errno = forced_errno;
         return -1;
@@ -117,9 +117,10 @@ struct ReceiveSeam {
         forced_header_byte = header_byte;
         forced_count = count;
         forced_errno = error;
-        IP::receive_calls.recvfrom = alteredRecvfrom;
+        real_receive = IP::receive_calls.receive;
+        IP::receive_calls.receive = alteredReceive;
     }
-    ~ReceiveSeam() { IP::receive_calls.recvfrom = ::recvfrom; }
+    ~ReceiveSeam() { IP::receive_calls.receive = real_receive; }
 };
 
 TEST_F(GreReceiveTest, IPv4OptionsAreSkippedAndTheSenderRecorded) {

@@ -1,0 +1,146 @@
+// Held tap writes: the frames an ingress thread writes for one batch of
+// received datagrams reach the interface together, in order, and a frame
+// the device refuses is the usual short-write warning.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/if_packet.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "vif/TAP"
+#include "vif_harness.h"
+
+namespace vxbrd_test {
+namespace {
+
+using lumora::vif::TAP;
+using Bytes = std::vector<uint8_t>;
+using Lines = std::vector<std::string>;
+
+constexpr uint16_t kTestEtherType = 0x88B5;
+
+Bytes frameOf(size_t size, uint8_t mark) {
+    Bytes out(size, mark);
+    const uint8_t header[14] = {0x00, 0x00, 0x5e, 0x00, 0x53, 0x01, 0x00,
+                                0x00, 0x5e, 0x00, 0x53, 0x02, 0x88, 0xB5};
+    std::copy(header, header + 14, out.begin());
+    return out;
+}
+
+// Every batched write is recorded (its frame count), then done for real.
+std::vector<unsigned> batches;
+bool (*real_batch)(const TAP::Outgoing*, unsigned, ssize_t*) = nullptr;
+
+bool recordedBatch(const TAP::Outgoing* frames, unsigned count, ssize_t* results) {
+    batches.push_back(count);
+    return real_batch(frames, count, results);
+}
+
+struct BatchSeam {
+    BatchSeam() {
+        batches.clear();
+        real_batch = TAP::write_batch_call;
+        TAP::write_batch_call = recordedBatch;
+    }
+    ~BatchSeam() {
+        TAP::holdWrites(false);
+        TAP::write_batch_call = real_batch;
+    }
+};
+
+class TapHoldTest : public VifNetTest {
+  protected:
+    std::unique_ptr<TAP> open() {
+        ScopedNetns in(hub);
+        auto tap = std::make_unique<TAP>(capture.logger(), "vxtap0");
+        capture.clear();
+        return tap;
+    }
+    lumora::vif::Descriptor receiver() {
+        auto sock = socketIn(hub, AF_PACKET, SOCK_RAW, htons(kTestEtherType));
+        sockaddr_ll at{};
+        at.sll_family = AF_PACKET;
+        at.sll_protocol = htons(kTestEtherType);
+        at.sll_ifindex = static_cast<int>(indexIn(hub, "vxtap0"));
+        EXPECT_EQ(bind(sock.get(), reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+        return sock;
+    }
+    // The next frame written into the tap (frames the host sends are skipped),
+    // or nothing when none comes (without waiting when `wait` is false).
+    static Bytes next(int fd, bool wait = true) {
+        for (int i = 0; i < 16; ++i) {
+            Bytes buffer(2048);
+            sockaddr_ll from{};
+            socklen_t size = sizeof from;
+            const ssize_t n = recvfrom(fd, buffer.data(), buffer.size(), wait ? 0 : MSG_DONTWAIT,
+                                       reinterpret_cast<sockaddr*>(&from), &size);
+            if (n < 0) return {};
+            if (from.sll_pkttype == PACKET_OUTGOING) continue;
+            buffer.resize(static_cast<size_t>(n));
+            return buffer;
+        }
+        return {};
+    }
+    static lumora::pdu::PDU pduOf(Bytes& storage) {
+        return lumora::pdu::PDU{storage.data(),
+                                static_cast<uint16_t>(storage.size()),
+                                0,
+                                static_cast<uint16_t>(storage.size()),
+                                {0, 0}};
+    }
+};
+
+TEST_F(TapHoldTest, HeldFramesReachTheInterfaceTogetherInOrder) {
+    auto tap = open();
+    auto sock = receiver();
+    BatchSeam seam;
+    TAP::holdWrites(true);
+    std::vector<Bytes> frames = {frameOf(60, 0x11), frameOf(1514, 0x22), frameOf(98, 0x33)};
+    for (Bytes& frame : frames) {
+        Bytes copy = frame;
+        tap->write(pduOf(copy));
+        copy.assign(copy.size(), 0);  // held frames are copies: the caller may reuse its buffer
+    }
+    EXPECT_EQ(TAP::heldWrites(), 3u);
+    EXPECT_EQ(next(sock.get(), false), Bytes{});
+    TAP::flushHeldWrites();
+    EXPECT_EQ(batches, std::vector<unsigned>{3});
+    for (const Bytes& frame : frames) EXPECT_EQ(next(sock.get()), frame);
+    EXPECT_EQ(capture.lines(), Lines{});
+}
+
+TEST_F(TapHoldTest, ARefusedHeldFrameIsOneWarningAndTheOthersArrive) {
+    auto tap = open();
+    auto sock = receiver();
+    BatchSeam seam;
+    TAP::holdWrites(true);
+    Bytes first = frameOf(60, 0x11);
+    uint8_t tiny[4] = {1, 2, 3, 4};  // shorter than an Ethernet header: refused
+    Bytes last = frameOf(70, 0x33);
+    tap->write(pduOf(first));
+    tap->write(lumora::pdu::PDU{tiny, 4, 0, 4, {0, 0}});
+    tap->write(pduOf(last));
+    TAP::holdWrites(false);  // hands over what is held
+    EXPECT_EQ(batches, std::vector<unsigned>{3});
+    EXPECT_EQ(next(sock.get()), first);
+    EXPECT_EQ(next(sock.get()), last);
+    EXPECT_EQ(capture.lines(), Lines{"vxtap0 short write: 4 (req) > -1 (sent)"});
+}
+
+TEST_F(TapHoldTest, WithoutAHoldEveryFrameIsWrittenAtOnce) {
+    auto tap = open();
+    auto sock = receiver();
+    BatchSeam seam;
+    Bytes frame = frameOf(60, 0x44);
+    tap->write(pduOf(frame));
+    EXPECT_EQ(TAP::heldWrites(), 0u);
+    EXPECT_EQ(next(sock.get()), frame);
+    EXPECT_EQ(batches, std::vector<unsigned>{});
+}
+
+}  // namespace
+}  // namespace vxbrd_test
