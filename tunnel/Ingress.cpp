@@ -11,6 +11,7 @@
 #include "tunnel/Relay.h"
 #include "tunnel/Tag.h"
 #include "vif/IP"
+#include "vif/TAP"
 
 namespace lumora {
 
@@ -74,6 +75,8 @@ bool writeIPv6Multicast(TunnelContext& context, Endpoint& tap, PDU frame) {
                         old_text, pdu::macToText(tap_mac.data()));
     std::memcpy(destination, tap_mac.data(), tap_mac.size());
     tap.write(frame);
+    // A write held for the receive batch would go out after the restore.
+    vif::TAP::flushHeldWrites();
     std::memcpy(destination, saved, sizeof saved);
     return true;
 }

@@ -70,7 +70,7 @@ IP::IP(Logger* logger, const in6_addr& address, const std::string& interface)
 
 IP::~IP() {
     // The reading thread's held frame writes go out; it holds none from now on.
-    TAP::holdWrites(false);
+    TAP::stopHoldingWrites();
     if (ipv4_socket >= 0) ::close(ipv4_socket);
     if (ipv6_socket >= 0) ::close(ipv6_socket);
 }
@@ -165,7 +165,7 @@ uint32_t IP::family() const { return ipv6_socket >= 0 ? AF_INET6 : AF_INET; }
 pdu::PDU IP::read() {
     if (batch_next < batch_count) return take(batch[batch_next++]);
     // The frames written for the last batch go out before receiving again.
-    TAP::holdWrites(false);
+    TAP::stopHoldingWrites();
     batch_count = batch_next = 0;
     const bool single = ipv4_socket < 0 || ipv6_socket < 0;
     if (single && timed_receive) {
@@ -217,8 +217,8 @@ pdu::PDU IP::receiveWaiting() {
 }
 
 pdu::PDU IP::startBatch(bool ipv4, int count) {
-    // A batch of one is written at once: holding would only add a copy.
-    if (count > 1) TAP::holdWrites(true);
+    // A batch of one is written at once: there is nothing to gather.
+    if (count > 1) TAP::holdWrites(buffer.get(), buffer.get() + kBufferSize);
     batch_ipv4 = ipv4;
     batch_count = static_cast<unsigned>(count);
     batch_next = 1;

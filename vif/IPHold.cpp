@@ -1,12 +1,14 @@
 // Held sends of the GRE socket endpoint: while a tap thread still finds
-// frames queued on its tap, the datagrams it sends are copied aside and
-// handed to the kernel together, so a burst costs one system call per batch
-// instead of one per datagram. Nothing is held on any other thread.
+// frames queued on its tap, the datagrams it makes of them are handed to the
+// kernel together, so a burst costs one system call per batch instead of one
+// per datagram. A held datagram is not copied: it is remembered where it lies
+// (the tap's read slot, headers prepended in its headroom), and the tap
+// leaves those bytes alone until the hold is flushed. Nothing is held on any
+// other thread.
 #include <netinet/in.h>
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
 #include "vif/IP"
 #include "vif/ip_platform.h"
@@ -16,68 +18,79 @@ namespace lumora::vif {
 namespace {
 
 constexpr unsigned kHeldMax = 32;
-// A whole tap read (4032 bytes) with its tag and keyed GRE header fits.
-constexpr size_t kHeldRoom = 4160;
 
 struct Held {
     IP* endpoint;
     int fd;
+    const uint8_t* data;
+    uint16_t length;
+    socklen_t size;
     union {
         sockaddr_in ipv4;
         sockaddr_in6 ipv6;
     } to;
-    socklen_t size;
-    uint16_t length;
-    uint8_t data[kHeldRoom];
 };
 
 struct HeldSends {
     bool holding = false;
     unsigned count = 0;
     unsigned limit = 0;
-    std::unique_ptr<Held[]> held;  // allocated the first time a thread holds
+    // The frame the thread read last: only a datagram made of it in place
+    // (it ends where the frame ends) may be held.
+    const uint8_t* frame_begin = nullptr;
+    const uint8_t* frame_end = nullptr;
+    Held held[kHeldMax];
 };
 
 thread_local HeldSends held_sends;
 
 }  // namespace
 
-void IP::holdSends(bool hold) {
+void IP::holdSends(const uint8_t* frame_begin, const uint8_t* frame_end) {
     HeldSends& state = held_sends;
-    if (!hold) {
-        if (state.count != 0) flushHeldSends();
-        state.holding = false;
-        return;
-    }
-    if (state.limit == 0) {
-        state.limit = platform::sendBatchLimit();
-        if (state.limit > kHeldMax) state.limit = kHeldMax;
-    }
+    if (state.limit == 0) state.limit = maxHeldSends();
     if (state.limit <= 1) return;
-    if (!state.held) state.held = std::make_unique<Held[]>(kHeldMax);
     state.holding = true;
+    state.frame_begin = frame_begin;
+    state.frame_end = frame_end;
+}
+
+void IP::stopHoldingSends() {
+    HeldSends& state = held_sends;
+    if (state.count != 0) flushHeldSends();
+    state.holding = false;
+    state.frame_begin = state.frame_end = nullptr;
 }
 
 unsigned IP::heldSends() { return held_sends.count; }
 
-// Copies the datagram aside when this thread holds its sends. A datagram
-// that cannot be held (no socket, too large) is sent at once, behind what is
-// already held, so the thread's datagrams keep their order.
+unsigned IP::maxHeldSends() {
+    const unsigned limit = platform::sendBatchLimit();
+    return limit < kHeldMax ? limit : kHeldMax;
+}
+
+// Remembers the datagram when this thread holds its sends and the datagram
+// is the frame just read with its headers in front. Anything else (a flood
+// copy, a fragment cut from the frame and overwritten by the next one) is
+// sent at once, behind what is already held, so the thread's datagrams keep
+// their order.
 bool IP::holdSend(int fd, pdu::PDU p, const sockaddr* destination, socklen_t size) {
     HeldSends& state = held_sends;
     if (!state.holding) return false;
-    const size_t length = p.length();
-    if (fd < 0 || length > kHeldRoom || size > sizeof(Held::to)) {
+    const uint8_t* data = p.data();
+    const uint8_t* end = data + p.length();
+    if (fd < 0 || data < state.frame_begin || end != state.frame_end ||
+        size > sizeof(Held::to)) {
         flushHeldSends();
         return false;
     }
     Held& slot = state.held[state.count++];
     slot.endpoint = this;
     slot.fd = fd;
-    std::memcpy(&slot.to, destination, size);
+    slot.data = data;
+    slot.length = p.length();
     slot.size = size;
-    slot.length = static_cast<uint16_t>(length);
-    std::memcpy(slot.data, p.data(), length);
+    std::memcpy(&slot.to, destination, size);
     if (state.count >= state.limit) flushHeldSends();
     return true;
 }
@@ -107,8 +120,9 @@ void IP::flushHeldSends() {
             continue;
         }
         const int error = errno != 0 ? errno : EIO;
-        Held& failed = state.held[next];
-        const pdu::PDU p{failed.data, failed.length, 0, failed.length, {0, 0}};
+        const Held& failed = state.held[next];
+        auto* bytes = const_cast<uint8_t*>(failed.data);
+        const pdu::PDU p{bytes, failed.length, 0, failed.length, {0, 0}};
         failed.endpoint->finishSend(fd, p, reinterpret_cast<const sockaddr*>(&failed.to),
                                     failed.size, error);
         ++next;

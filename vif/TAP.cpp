@@ -30,7 +30,9 @@ ssize_t (*TAP::write_call)(int, const void*, size_t) = ::write;
 
 TAP::TAP(Logger* logger, const char* interface)
     : logger(logger),
-      buffer(std::make_unique_for_overwrite<uint8_t[]>(kBufferSize)),
+      // One read slot per datagram that may be held, one alone where none is.
+      buffer(std::make_unique_for_overwrite<uint8_t[]>(kBufferSize * IP::maxHeldSends())),
+      slots(IP::maxHeldSends()),
       interface_argument(interface) {
     // Until the kernel names the interface, errors carry the device path.
     std::snprintf(name_text, sizeof name_text, "/dev/%s", interface);
@@ -44,8 +46,8 @@ TAP::TAP(Logger* logger, const char* interface)
 
 TAP::~TAP() {
     // Whatever this thread still holds goes out; it holds nothing from now on.
-    IP::holdSends(false);
-    holdWrites(false);
+    IP::stopHoldingSends();
+    stopHoldingWrites();
     if (fd >= 0) ::close(fd);
 }
 
@@ -69,7 +71,13 @@ std::array<uint8_t, 6> TAP::mac() const {
 }
 
 pdu::PDU TAP::read() {
-    uint8_t* frame = buffer.get() + kHeadroom;
+    // A held datagram may lie in any slot used since the ring last came round.
+    if (next_slot == slots) {
+        next_slot = 0;
+        if (IP::heldSends() != 0) IP::flushHeldSends();
+    }
+    uint8_t* const slot = buffer.get() + static_cast<size_t>(next_slot++) * kBufferSize;
+    uint8_t* frame = slot + kHeadroom;
     ssize_t got = -1;
     bool queued = false;
     if (IP::heldSends() != 0) {
@@ -97,13 +105,18 @@ pdu::PDU TAP::read() {
     // Two frames in a row that were already waiting make a burst; one alone
     // is too often chance, and probing for a next frame that is not there
     // costs more than holding saves.
-    IP::holdSends(queued && previous_queued && nowait_reads);
+    const bool hold = queued && previous_queued && nowait_reads;
     previous_queued = queued;
     // Cannot trigger with a bounded read; kept as a guard on the 16-bit offsets.
     const auto n = static_cast<uint16_t>(got);
     if (n > kReadSize) throw pdu::kInvalid;
+    if (hold) {
+        IP::holdSends(slot, frame + n);
+    } else {
+        IP::stopHoldingSends();
+    }
     pdu::PDU p;
-    p._buf = buffer.get();
+    p._buf = slot;
     p._cap = kBufferSize;
     p._begin = kHeadroom;
     p._end = static_cast<uint16_t>(kHeadroom + n);

@@ -1,10 +1,9 @@
 // Held writes of the tap endpoint: the frames a GRE ingress thread writes
-// for one batch of received datagrams are copied aside and handed to the
-// kernel together before the thread receives again, so a batch costs one
-// system call instead of one per frame. Nothing is held on any other thread.
-#include <cstring>
-#include <memory>
-
+// for one batch of received datagrams are handed to the kernel together
+// before the thread receives again, so a batch costs one system call instead
+// of one per frame. A held frame is not copied: it is remembered where it
+// lies in the batch's receive slots, which the GRE endpoint leaves alone
+// until the hold is flushed. Nothing is held on any other thread.
 #include "vif/TAP"
 #include "vif/tap_platform.h"
 
@@ -12,20 +11,20 @@ namespace lumora::vif {
 
 namespace {
 
-// An ordinary Ethernet frame fits; anything larger is written at once.
-constexpr size_t kHeldRoom = 2048;
-
 struct Held {
     TAP* tap;
+    const uint8_t* data;
     uint16_t length;
-    uint8_t data[kHeldRoom];
 };
 
 struct HeldWrites {
     bool holding = false;
     unsigned count = 0;
     unsigned limit = 0;
-    std::unique_ptr<Held[]> held;  // allocated the first time a thread holds
+    // Where the batch's datagrams lie: only a frame inside may be held.
+    const uint8_t* begin = nullptr;
+    const uint8_t* end = nullptr;
+    Held held[TAP::kMaxHeldWrites];
 };
 
 thread_local HeldWrites held_writes;
@@ -34,38 +33,39 @@ thread_local HeldWrites held_writes;
 
 bool (*TAP::write_batch_call)(const Outgoing*, unsigned, ssize_t*) = platform::writeFrames;
 
-void TAP::holdWrites(bool hold) {
+void TAP::holdWrites(const uint8_t* begin, const uint8_t* end) {
     HeldWrites& state = held_writes;
-    if (!hold) {
-        if (state.count != 0) flushHeldWrites();
-        state.holding = false;
-        return;
-    }
     if (state.limit == 0) {
         state.limit = platform::writeBatchLimit();
         if (state.limit > kMaxHeldWrites) state.limit = kMaxHeldWrites;
     }
     if (state.limit <= 1) return;
-    if (!state.held) state.held = std::make_unique<Held[]>(kMaxHeldWrites);
     state.holding = true;
+    state.begin = begin;
+    state.end = end;
+}
+
+void TAP::stopHoldingWrites() {
+    HeldWrites& state = held_writes;
+    if (state.count != 0) flushHeldWrites();
+    state.holding = false;
+    state.begin = state.end = nullptr;
 }
 
 unsigned TAP::heldWrites() { return held_writes.count; }
 
-// Copies the frame aside when this thread holds its writes. A frame too
-// large to hold is written at once, behind what is already held.
+// Remembers the frame when this thread holds its writes and the frame lies
+// in the held batch. Any other frame is written at once, behind what is
+// already held, so the thread's frames keep their order.
 bool TAP::holdWrite(pdu::PDU p) {
     HeldWrites& state = held_writes;
     if (!state.holding) return false;
-    const size_t length = p.length();
-    if (length > kHeldRoom) {
+    const uint8_t* data = p.data();
+    if (data < state.begin || data + p.length() > state.end) {
         flushHeldWrites();
         return false;
     }
-    Held& slot = state.held[state.count++];
-    slot.tap = this;
-    slot.length = static_cast<uint16_t>(length);
-    std::memcpy(slot.data, p.data(), length);
+    state.held[state.count++] = Held{this, data, p.length()};
     if (state.count >= state.limit) flushHeldWrites();
     return true;
 }

@@ -1,6 +1,6 @@
 // Held sends: datagrams a tap thread sends during a burst are handed to the
-// kernel together, in order, and a failure among them is handled exactly as
-// an immediate send's failure.
+// kernel together, in order, where they lie, and a failure among them is
+// handled exactly as an immediate send's failure.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -29,13 +29,17 @@ struct Frame {
         pdu._end = static_cast<uint16_t>(64 + length);
     }
     Bytes payload() const { return Bytes(storage.begin() + 64, storage.end()); }
+    // What a tap read names when it holds: the slot, headroom included.
+    void hold() const { IP::holdSends(storage.data(), storage.data() + storage.size()); }
     Bytes storage;
     lumora::pdu::PDU pdu;
 };
 
-// Each batched send is recorded; the script gives the errno of the first
-// datagram of the next batches (0: the real batched send).
+// Each batched send is recorded (its size and where its datagrams lie); the
+// script gives the errno of the first datagram of the next batches (0: the
+// real batched send).
 std::vector<unsigned> batches;
+std::vector<const uint8_t*> batched_data;
 std::vector<int> batch_script;
 std::vector<useconds_t> sleeps;
 int (*real_batch)(int, const IP::Outgoing*, unsigned) = nullptr;
@@ -43,6 +47,7 @@ int (*real_batch)(int, const IP::Outgoing*, unsigned) = nullptr;
 int scriptedBatch(int fd, const IP::Outgoing* list, unsigned count) {
     const size_t call = batches.size();
     batches.push_back(count);
+    for (unsigned i = 0; i < count; ++i) batched_data.push_back(list[i].data);
     if (call < batch_script.size() && batch_script[call] != 0) {
         errno = batch_script[call];
         return -1;
@@ -58,6 +63,7 @@ int recordedUsleep(useconds_t delay) {
 struct BatchSeam {
     explicit BatchSeam(std::vector<int> script) {
         batches.clear();
+        batched_data.clear();
         sleeps.clear();
         batch_script = std::move(script);
         real_batch = IP::send_calls.send_batch;
@@ -65,7 +71,7 @@ struct BatchSeam {
         IP::send_calls.usleep = recordedUsleep;
     }
     ~BatchSeam() {
-        IP::holdSends(false);
+        IP::stopHoldingSends();
         IP::send_calls.send_batch = real_batch;
         IP::send_calls.usleep = ::usleep;
     }
@@ -97,16 +103,64 @@ TEST_F(GreHoldTest, HeldSendsGoOutTogetherInOrderWhenFlushed) {
     auto endpoint = open();
     auto peer = socketIn(ap, AF_INET, SOCK_RAW, 47);
     BatchSeam seam({});
-    IP::holdSends(true);
     const Frame frames[] = {Frame(64, 0x10), Frame(1400, 0x20), Frame(100, 0x30)};
-    for (const Frame& frame : frames) endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
+    for (const Frame& frame : frames) {
+        frame.hold();
+        endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
+    }
     EXPECT_EQ(IP::heldSends(), 3u);
     EXPECT_TRUE(nothingArrives(peer.get()));
     IP::flushHeldSends();
     EXPECT_EQ(IP::heldSends(), 0u);
     EXPECT_EQ(batches, std::vector<unsigned>{3});
+    // Handed over from where they lie: nothing was copied aside.
+    EXPECT_EQ(batched_data, (std::vector<const uint8_t*>{frames[0].pdu.data(),
+                                                         frames[1].pdu.data(),
+                                                         frames[2].pdu.data()}));
     for (const Frame& frame : frames) EXPECT_EQ(receive(peer.get()), frame.payload());
     EXPECT_EQ(capture.lines(), Lines{});
+}
+
+TEST_F(GreHoldTest, ADatagramNotEndingWithTheFrameGoesAtOnceBehindTheHeldOnes) {
+    auto endpoint = open();
+    auto peer = socketIn(ap, AF_INET, SOCK_RAW, 47);
+    BatchSeam seam({});
+    const Frame held(64, 0x10);
+    held.hold();
+    endpoint->writeIPv4(held.pdu, ipv4("192.0.2.2"));
+    EXPECT_EQ(IP::heldSends(), 1u);
+    // A piece cut from the frame (a fragment), and a copy elsewhere (a flood):
+    // neither may wait, since their bytes are about to be reused.
+    lumora::pdu::PDU piece = held.pdu;
+    piece._end = static_cast<uint16_t>(piece._end - 8);
+    endpoint->writeIPv4(piece, ipv4("192.0.2.2"));
+    EXPECT_EQ(IP::heldSends(), 0u);
+    const Frame elsewhere(80, 0x40);
+    endpoint->writeIPv4(elsewhere.pdu, ipv4("192.0.2.2"));
+    EXPECT_EQ(IP::heldSends(), 0u);
+    EXPECT_EQ(batches, std::vector<unsigned>{1});
+    EXPECT_EQ(receive(peer.get()), held.payload());
+    const Bytes whole = held.payload();
+    EXPECT_EQ(receive(peer.get()), Bytes(whole.begin(), whole.end() - 8));
+    EXPECT_EQ(receive(peer.get()), elsewhere.payload());
+}
+
+TEST_F(GreHoldTest, TheHoldFlushesItselfWhenFull) {
+    auto endpoint = open();
+    auto peer = socketIn(ap, AF_INET, SOCK_RAW, 47);
+    BatchSeam seam({});
+    const unsigned limit = IP::maxHeldSends();
+    ASSERT_GT(limit, 1u);
+    const Frame frame(64, 0x10);
+    for (unsigned i = 0; i < limit + 1; ++i) {
+        frame.hold();
+        endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
+    }
+    EXPECT_EQ(batches, std::vector<unsigned>{limit});
+    EXPECT_EQ(IP::heldSends(), 1u);
+    IP::stopHoldingSends();
+    EXPECT_EQ(batches, (std::vector<unsigned>{limit, 1}));
+    for (unsigned i = 0; i < limit + 1; ++i) EXPECT_EQ(receive(peer.get()), frame.payload());
 }
 
 TEST_F(GreHoldTest, AHeldDatagramRefusedWithEnobufsIsRetriedAsAlways) {
@@ -116,9 +170,11 @@ TEST_F(GreHoldTest, AHeldDatagramRefusedWithEnobufsIsRetriedAsAlways) {
     // through the ordinary retries (the real sendto succeeds at once), and the
     // other two follow in a second batch.
     BatchSeam seam({ENOBUFS});
-    IP::holdSends(true);
     const Frame frames[] = {Frame(64, 0x10), Frame(80, 0x20), Frame(96, 0x30)};
-    for (const Frame& frame : frames) endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
+    for (const Frame& frame : frames) {
+        frame.hold();
+        endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
+    }
     IP::flushHeldSends();
     EXPECT_EQ(batches, (std::vector<unsigned>{3, 2}));
     EXPECT_EQ(sleeps, std::vector<useconds_t>{100});
@@ -130,11 +186,12 @@ TEST_F(GreHoldTest, OtherErrorsOfAHeldDatagramAreTheUsualWarning) {
     auto endpoint = open();
     auto peer = socketIn(ap, AF_INET, SOCK_RAW, 47);
     BatchSeam seam({0});
-    IP::holdSends(true);
     Frame frame(64, 0x10);
     // No route to 203.0.113.0/24: the batch stops at the first datagram, which
     // is then sent alone and warned about; the next one still goes out.
+    frame.hold();
     endpoint->writeIPv4(frame.pdu, ipv4("203.0.113.9"));
+    frame.hold();
     endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
     IP::flushHeldSends();
     EXPECT_EQ(receive(peer.get()), frame.payload());
@@ -146,12 +203,12 @@ TEST_F(GreHoldTest, TooBigIsWarnedWhenHeldAndNothingIsHeldWithoutAHold) {
     auto endpoint = open();
     auto peer = socketIn(ap, AF_INET, SOCK_RAW, 47);
     BatchSeam seam({});
-    IP::holdSends(true);
     Frame big(1500, 0x40);
+    big.hold();
     endpoint->writeIPv4(big.pdu, ipv4("192.0.2.2"));
     EXPECT_EQ(capture.lines(),
               Lines{"vxh0 (ip://192.0.2.1) packet too big: 1500 (len) > 1480 (mtu)"});
-    IP::holdSends(false);  // hands over what is held
+    IP::stopHoldingSends();  // hands over what is held
     EXPECT_EQ(receive(peer.get()), big.payload());
     Frame small(64, 0x50);
     endpoint->writeIPv4(small.pdu, ipv4("192.0.2.2"));

@@ -1,6 +1,6 @@
 // Held tap writes: the frames an ingress thread writes for one batch of
-// received datagrams reach the interface together, in order, and a frame
-// the device refuses is the usual short-write warning.
+// received datagrams reach the interface together, in order, from where
+// they lie, and a frame the device refuses is the usual short-write warning.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
@@ -31,23 +31,27 @@ Bytes frameOf(size_t size, uint8_t mark) {
     return out;
 }
 
-// Every batched write is recorded (its frame count), then done for real.
+// Every batched write is recorded (its frame count and where the frames
+// lie), then done for real.
 std::vector<unsigned> batches;
+std::vector<const uint8_t*> batched_data;
 bool (*real_batch)(const TAP::Outgoing*, unsigned, ssize_t*) = nullptr;
 
 bool recordedBatch(const TAP::Outgoing* frames, unsigned count, ssize_t* results) {
     batches.push_back(count);
+    for (unsigned i = 0; i < count; ++i) batched_data.push_back(frames[i].data);
     return real_batch(frames, count, results);
 }
 
 struct BatchSeam {
     BatchSeam() {
         batches.clear();
+        batched_data.clear();
         real_batch = TAP::write_batch_call;
         TAP::write_batch_call = recordedBatch;
     }
     ~BatchSeam() {
-        TAP::holdWrites(false);
+        TAP::stopHoldingWrites();
         TAP::write_batch_call = real_batch;
     }
 };
@@ -92,42 +96,78 @@ class TapHoldTest : public VifNetTest {
                                 static_cast<uint16_t>(storage.size()),
                                 {0, 0}};
     }
+    // A receive batch: the frames laid one after the other in one buffer,
+    // which is what a hold names.
+    struct Batch {
+        explicit Batch(const std::vector<Bytes>& frames) {
+            for (const Bytes& frame : frames) storage.insert(storage.end(), frame.begin(), frame.end());
+            size_t at = 0;
+            for (const Bytes& frame : frames) {
+                views.push_back(lumora::pdu::PDU{storage.data() + at,
+                                                 static_cast<uint16_t>(frame.size()),
+                                                 0,
+                                                 static_cast<uint16_t>(frame.size()),
+                                                 {0, 0}});
+                at += frame.size();
+            }
+        }
+        void hold() { TAP::holdWrites(storage.data(), storage.data() + storage.size()); }
+        Bytes storage;
+        std::vector<lumora::pdu::PDU> views;
+    };
 };
 
 TEST_F(TapHoldTest, HeldFramesReachTheInterfaceTogetherInOrder) {
     auto tap = open();
     auto sock = receiver();
     BatchSeam seam;
-    TAP::holdWrites(true);
-    std::vector<Bytes> frames = {frameOf(60, 0x11), frameOf(1514, 0x22), frameOf(98, 0x33)};
-    for (Bytes& frame : frames) {
-        Bytes copy = frame;
-        tap->write(pduOf(copy));
-        copy.assign(copy.size(), 0);  // held frames are copies: the caller may reuse its buffer
-    }
+    const std::vector<Bytes> frames = {frameOf(60, 0x11), frameOf(1514, 0x22), frameOf(98, 0x33)};
+    Batch batch(frames);
+    batch.hold();
+    for (const auto& view : batch.views) tap->write(view);
     EXPECT_EQ(TAP::heldWrites(), 3u);
     EXPECT_EQ(next(sock.get(), false), Bytes{});
     TAP::flushHeldWrites();
     EXPECT_EQ(batches, std::vector<unsigned>{3});
+    // Written from where they lie in the batch: nothing was copied aside.
+    EXPECT_EQ(batched_data, (std::vector<const uint8_t*>{
+                                batch.views[0].data(), batch.views[1].data(), batch.views[2].data()}));
     for (const Bytes& frame : frames) EXPECT_EQ(next(sock.get()), frame);
     EXPECT_EQ(capture.lines(), Lines{});
+}
+
+TEST_F(TapHoldTest, AFrameOutsideTheBatchIsWrittenAtOnceBehindTheHeldOnes) {
+    auto tap = open();
+    auto sock = receiver();
+    BatchSeam seam;
+    Batch batch({frameOf(60, 0x11), frameOf(70, 0x22)});
+    batch.hold();
+    tap->write(batch.views[0]);
+    EXPECT_EQ(TAP::heldWrites(), 1u);
+    Bytes elsewhere = frameOf(80, 0x33);
+    tap->write(pduOf(elsewhere));
+    EXPECT_EQ(TAP::heldWrites(), 0u);
+    tap->write(batch.views[1]);
+    EXPECT_EQ(TAP::heldWrites(), 1u);
+    TAP::stopHoldingWrites();
+    EXPECT_EQ(batches, (std::vector<unsigned>{1, 1}));
+    EXPECT_EQ(next(sock.get()), frameOf(60, 0x11));
+    EXPECT_EQ(next(sock.get()), elsewhere);
+    EXPECT_EQ(next(sock.get()), frameOf(70, 0x22));
 }
 
 TEST_F(TapHoldTest, ARefusedHeldFrameIsOneWarningAndTheOthersArrive) {
     auto tap = open();
     auto sock = receiver();
     BatchSeam seam;
-    TAP::holdWrites(true);
-    Bytes first = frameOf(60, 0x11);
-    uint8_t tiny[4] = {1, 2, 3, 4};  // shorter than an Ethernet header: refused
-    Bytes last = frameOf(70, 0x33);
-    tap->write(pduOf(first));
-    tap->write(lumora::pdu::PDU{tiny, 4, 0, 4, {0, 0}});
-    tap->write(pduOf(last));
-    TAP::holdWrites(false);  // hands over what is held
+    // The middle one is shorter than an Ethernet header: refused.
+    Batch batch({frameOf(60, 0x11), Bytes{1, 2, 3, 4}, frameOf(70, 0x33)});
+    batch.hold();
+    for (const auto& view : batch.views) tap->write(view);
+    TAP::stopHoldingWrites();  // hands over what is held
     EXPECT_EQ(batches, std::vector<unsigned>{3});
-    EXPECT_EQ(next(sock.get()), first);
-    EXPECT_EQ(next(sock.get()), last);
+    EXPECT_EQ(next(sock.get()), frameOf(60, 0x11));
+    EXPECT_EQ(next(sock.get()), frameOf(70, 0x33));
     EXPECT_EQ(capture.lines(), Lines{"vxtap0 short write: 4 (req) > -1 (sent)"});
 }
 

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "vif/IP"
 #include "vif_harness.h"
 
 namespace vxbrd_test {
@@ -164,6 +165,49 @@ TEST_F(TapTest, FrameSentOutOfTheInterfaceIsReadBehindTheHeadroom) {
     EXPECT_EQ(p._begin, 64);
     EXPECT_EQ(p._end, 1578);
     EXPECT_EQ(Bytes(p._buf + p._begin, p._buf + p._end), frame);
+    EXPECT_EQ(capture.lines(), Lines{});
+}
+
+// A datagram held for a batched send stays where the tap read it, so each
+// read takes the next slot of a ring, which comes round after as many reads
+// as sends can be held.
+TEST_F(TapTest, SuccessiveReadsUseTheSlotsOfARingInTurn) {
+    auto tap = open("vxtap0");
+    {
+        ScopedNetns in(hub);
+        tap->setMtu(1500);
+    }
+    capture.clear();
+    const unsigned slots = lumora::vif::IP::maxHeldSends();
+    ASSERT_GT(slots, 1u);
+    auto sender = socketIn(hub, AF_PACKET, SOCK_RAW, 0);
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = static_cast<int>(indexIn(hub, "vxtap0"));
+    to.sll_halen = 6;
+    std::copy(kOtherMac.begin(), kOtherMac.end(), to.sll_addr);
+
+    ReadDeadline deadline(5);
+    std::vector<const uint8_t*> buffers;
+    for (unsigned i = 0; i <= slots; ++i) {
+        // Sent one at a time, so that each read finds its own frame.
+        const Bytes frame = ethernetFrame(kOtherMac, kTapMac, 100 + i);
+        ASSERT_EQ(sendto(sender.get(), frame.data(), frame.size(), 0,
+                         reinterpret_cast<sockaddr*>(&to), sizeof to),
+                  static_cast<ssize_t>(frame.size()));
+        lumora::pdu::PDU p;
+        for (int tries = 0; tries < 8; ++tries) {
+            p = tap->read();
+            if (p.length() >= 14 && p._buf[p._begin + 12] == 0x88 && p._buf[p._begin + 13] == 0xB5)
+                break;
+        }
+        EXPECT_EQ(p._cap, 4096);
+        EXPECT_EQ(p._begin, 64);
+        EXPECT_EQ(Bytes(p._buf + p._begin, p._buf + p._end), frame);
+        buffers.push_back(p._buf);
+    }
+    for (unsigned i = 1; i < slots; ++i) EXPECT_EQ(buffers[i], buffers[0] + i * 4096) << i;
+    EXPECT_EQ(buffers[slots], buffers[0]);
     EXPECT_EQ(capture.lines(), Lines{});
 }
 
