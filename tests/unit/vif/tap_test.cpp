@@ -76,6 +76,31 @@ protected:
         ScopedNetns in(hub);
         return std::make_unique<TAP>(capture.logger(), interface);
     }
+    // Sends frame out of vxtap0 from the host side, so that the tap reads it.
+    void sendOut(const Bytes& frame) {
+        if (!sender.valid()) sender = socketIn(hub, AF_PACKET, SOCK_RAW, 0);
+        sockaddr_ll to{};
+        to.sll_family = AF_PACKET;
+        to.sll_ifindex = static_cast<int>(indexIn(hub, "vxtap0"));
+        to.sll_halen = 6;
+        std::copy(kOtherMac.begin(), kOtherMac.end(), to.sll_addr);
+        ASSERT_EQ(sendto(sender.get(), frame.data(), frame.size(), 0,
+                         reinterpret_cast<sockaddr*>(&to), sizeof to),
+                  static_cast<ssize_t>(frame.size()))
+            << std::strerror(errno);
+    }
+    // The next frame of ours the tap reads. Nothing else should leave the
+    // interface, but strays are skipped all the same.
+    static lumora::pdu::PDU readOurs(TAP& tap) {
+        lumora::pdu::PDU p;
+        for (int i = 0; i < 8; ++i) {
+            p = tap.read();
+            if (p.length() >= 14 && p._buf[p._begin + 12] == 0x88 && p._buf[p._begin + 13] == 0xB5)
+                break;
+        }
+        return p;
+    }
+    lumora::vif::Descriptor sender;
 };
 
 TEST_F(TapTest, OpensUnderTheKernelNameWithItsMacAndMtu) {
@@ -141,26 +166,11 @@ TEST_F(TapTest, FrameSentOutOfTheInterfaceIsReadBehindTheHeadroom) {
         tap->setMtu(1500);
     }
     capture.clear();
-    auto sender = socketIn(hub, AF_PACKET, SOCK_RAW, 0);
-    sockaddr_ll to{};
-    to.sll_family = AF_PACKET;
-    to.sll_ifindex = static_cast<int>(indexIn(hub, "vxtap0"));
-    to.sll_halen = 6;
-    std::copy(kOtherMac.begin(), kOtherMac.end(), to.sll_addr);
     const Bytes frame = ethernetFrame(kOtherMac, kTapMac, 1514);
-    ASSERT_EQ(sendto(sender.get(), frame.data(), frame.size(), 0, reinterpret_cast<sockaddr*>(&to),
-                     sizeof to),
-              1514)
-        << std::strerror(errno);
+    sendOut(frame);
 
     ReadDeadline deadline(5);
-    lumora::pdu::PDU p;
-    // Nothing else should leave the interface, but skip strays all the same.
-    for (int i = 0; i < 8; ++i) {
-        p = tap->read();
-        if (p.length() >= 14 && p._buf[p._begin + 12] == 0x88 && p._buf[p._begin + 13] == 0xB5)
-            break;
-    }
+    const lumora::pdu::PDU p = readOurs(*tap);
     EXPECT_EQ(p._cap, 4096);
     EXPECT_EQ(p._begin, 64);
     EXPECT_EQ(p._end, 1578);
@@ -180,27 +190,13 @@ TEST_F(TapTest, SuccessiveReadsUseTheSlotsOfARingInTurn) {
     capture.clear();
     const unsigned slots = lumora::vif::IP::maxHeldSends();
     ASSERT_GT(slots, 1u);
-    auto sender = socketIn(hub, AF_PACKET, SOCK_RAW, 0);
-    sockaddr_ll to{};
-    to.sll_family = AF_PACKET;
-    to.sll_ifindex = static_cast<int>(indexIn(hub, "vxtap0"));
-    to.sll_halen = 6;
-    std::copy(kOtherMac.begin(), kOtherMac.end(), to.sll_addr);
-
     ReadDeadline deadline(5);
     std::vector<const uint8_t*> buffers;
     for (unsigned i = 0; i <= slots; ++i) {
         // Sent one at a time, so that each read finds its own frame.
         const Bytes frame = ethernetFrame(kOtherMac, kTapMac, 100 + i);
-        ASSERT_EQ(sendto(sender.get(), frame.data(), frame.size(), 0,
-                         reinterpret_cast<sockaddr*>(&to), sizeof to),
-                  static_cast<ssize_t>(frame.size()));
-        lumora::pdu::PDU p;
-        for (int tries = 0; tries < 8; ++tries) {
-            p = tap->read();
-            if (p.length() >= 14 && p._buf[p._begin + 12] == 0x88 && p._buf[p._begin + 13] == 0xB5)
-                break;
-        }
+        sendOut(frame);
+        const lumora::pdu::PDU p = readOurs(*tap);
         EXPECT_EQ(p._cap, 4096);
         EXPECT_EQ(p._begin, 64);
         EXPECT_EQ(Bytes(p._buf + p._begin, p._buf + p._end), frame);
