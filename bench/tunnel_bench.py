@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Tunnel throughput, CPU and latency benchmark: vxbrd against the minimal
-relay and the batched relay, on the same topology in the same run.
+relay (one direction running, or both: duplex) and the batched relay, on the
+same topology in the same run.
 
     ns <tag>h (hub)                                    ns <tag>a (access point)
     +-------------------------------------+            +-------------------------------+
@@ -52,7 +53,8 @@ HUB_MAC, AP_MAC = "02:00:00:00:0a:01", "02:00:00:00:0a:02"
 CLIENT_MAC = "02:00:00:00:0b:01"  # bench_traffic's inner source (the client)
 TAG_VLAN, GRE_KEY = 20, 7
 LOSS_LIMIT = 0.001
-SUBJECTS = ("daemon", "relay", "batched")
+SUBJECTS = ("daemon", "relay", "duplex", "batched")
+RELAY_KINDS = {"relay": "minimal", "duplex": "duplex", "batched": "batched"}
 VARIANTS = {"plain": (0, -1), "tag+key": (TAG_VLAN, GRE_KEY)}  # inner tag VLAN, key
 
 
@@ -235,7 +237,7 @@ class Bench:
                  "private", "--", "sh", "-c", script, self.vxbrd, str(config)], output)
             ready = "tap0 ready"
         else:
-            kind = "minimal" if subject == "relay" else "batched"
+            kind = RELAY_KINDS[subject]
             process = self.spaces.start(
                 ["ip", "netns", "exec", self.hub, "nice", "-n", str(self.o.nice), "taskset", "-c",
                  "0", self.relay,
@@ -488,27 +490,21 @@ def table(points: list[Point], outcomes: dict, options) -> str:
     loads = "/".join(f"{l / 1e3:g}k" for l in options.loads)
     subjects = options.subjects
     head = ["point"] + [f"{s} Mpps" for s in subjects]
-    if "relay" in subjects:
-        head.append("daemon/relay")
-    if "batched" in subjects:
-        head.append("daemon/batched")
+    yardsticks = [s for s in subjects if s != "daemon"]
+    head += [f"daemon/{s}" for s in yardsticks]
     head += [f"{s} ns/pkt @{loads}" for s in subjects]
-    if "relay" in subjects:
-        head.append("CPU daemon/relay")
+    head += [f"CPU daemon/{s}" for s in yardsticks if s != "batched"]
     lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
     for p in points:
         o = {s: outcomes[(p.label, s)] for s in subjects}
         rate = {s: statistics.median(o[s].rates) for s in subjects}
         row = [p.label] + [rate_cell(o[s]) for s in subjects]
-        if "relay" in subjects:
-            row.append(ratio(rate["daemon"], rate["relay"]))
-        if "batched" in subjects:
-            row.append(ratio(rate["daemon"], rate["batched"]))
+        row += [ratio(rate["daemon"], rate[s]) for s in yardsticks]
         row += [cpu_cell(o[s], options.loads) for s in subjects]
-        if "relay" in subjects:
-            row.append(" / ".join(ratio(statistics.median(o["daemon"].cpu[l]),
-                                        statistics.median(o["relay"].cpu[l]))
-                                  for l in options.loads))
+        row += [" / ".join(ratio(statistics.median(o["daemon"].cpu[l]),
+                                 statistics.median(o[s].cpu[l]))
+                           for l in options.loads)
+                for s in yardsticks if s != "batched"]
         lines.append("| " + " | ".join(row) + " |")
     return "\n".join(lines)
 

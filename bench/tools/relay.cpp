@@ -1,13 +1,18 @@
 // The benchmark's yardsticks: relays that do nothing but move bytes between a
-// raw GRE socket and a tap, one direction per process.
+// raw GRE socket and a tap, measured one direction at a time.
 //
-//   relay ingress|egress minimal|batched LOCAL_IP PEER_IP TAP VLAN KEY SECONDS
+//   relay ingress|egress minimal|duplex|batched LOCAL_IP PEER_IP TAP VLAN KEY SECONDS
 //
 // ingress: GRE datagrams received on LOCAL_IP are written to TAP without
 //   their outer IPv4 and GRE headers (any 802.1Q tag stays in the frame).
 // egress: frames read from TAP get an 802.1Q tag (VLAN >= 2) and a GRE
 //   header (with KEY when KEY >= 0), built in headroom, and are sent to PEER_IP.
-// minimal: recvfrom -> write, read -> sendto, one frame per system call.
+// minimal: recvfrom -> write, read -> sendto, one frame per system call; only
+//   the measured direction runs.
+// duplex: minimal, with the other direction's loop waiting in a second thread,
+//   as in any relay that carries a tunnel both ways: its receive waits on the
+//   GRE socket the sends go through, and the two threads share the process's
+//   descriptors.
 // batched: recvmmsg -> io_uring writes, io_uring reads -> sendmmsg; falls back
 //   to plain writes and reads where the kernel has no io_uring.
 //
@@ -27,6 +32,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "frames.h"
 #include "uring.h"
@@ -219,7 +225,8 @@ int main(int argc, char** argv) {
     if (argc != 9) {
         std::fprintf(
             stderr,
-            "usage: relay ingress|egress minimal|batched LOCAL_IP PEER_IP TAP VLAN KEY SECONDS\n");
+            "usage: relay ingress|egress minimal|duplex|batched LOCAL_IP PEER_IP TAP VLAN KEY "
+            "SECONDS\n");
         return 2;
     }
     const std::string direction = argv[1];
@@ -235,7 +242,16 @@ int main(int argc, char** argv) {
     const int tap = tapDevice(argv[5]);
     std::fprintf(stderr, "relay: ready\n");
     const bench::Bytes header = bench::greHeader(key >= 0, static_cast<uint32_t>(key));
-    if (direction == "ingress") {
+    if (std::string(argv[2]) == "duplex") {
+        // The thread never ends; alarm ends the process.
+        if (direction == "ingress") {
+            std::thread([=] { egressMinimal(gre, tap, peer, vlan, header); }).detach();
+            ingressMinimal(gre, tap);
+        } else {
+            std::thread([=] { ingressMinimal(gre, tap); }).detach();
+            egressMinimal(gre, tap, peer, vlan, header);
+        }
+    } else if (direction == "ingress") {
         batched ? ingressBatched(gre, tap) : ingressMinimal(gre, tap);
     } else {
         batched ? egressBatched(gre, tap, peer, vlan, header)
