@@ -20,20 +20,11 @@ using lumora::vif::IP;
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
-struct Frame {
-    Frame(size_t length, uint8_t mark) : storage(length + 64, 0xEE) {
-        for (size_t i = 0; i < length; ++i) storage[64 + i] = static_cast<uint8_t>(mark + i);
-        pdu._buf = storage.data();
-        pdu._cap = static_cast<uint16_t>(storage.size());
-        pdu._begin = 64;
-        pdu._end = static_cast<uint16_t>(64 + length);
-    }
-    Bytes payload() const { return Bytes(storage.begin() + 64, storage.end()); }
-    // What a tap read names when it holds: the slot, headroom included.
-    void hold() const { IP::holdSends(storage.data(), storage.data() + storage.size()); }
-    Bytes storage;
-    lumora::pdu::PDU pdu;
-};
+// What a tap read names when it holds: the slot from its start (headroom
+// included) to the frame's end.
+void hold(const Frame& frame) {
+    IP::holdSends(frame.storage.data(), frame.pdu.data() + frame.pdu.length());
+}
 
 // Each batched send is recorded (its size and where its datagrams lie); the
 // script gives the errno of the first datagram of the next batches (0: the
@@ -103,9 +94,9 @@ TEST_F(GreHoldTest, HeldSendsGoOutTogetherInOrderWhenFlushed) {
     auto endpoint = open();
     auto peer = socketIn(ap, AF_INET, SOCK_RAW, 47);
     BatchSeam seam({});
-    const Frame frames[] = {Frame(64, 0x10), Frame(1400, 0x20), Frame(100, 0x30)};
+    const Frame frames[] = {Frame(64, 0x10, 1), Frame(1400, 0x20, 1), Frame(100, 0x30, 1)};
     for (const Frame& frame : frames) {
-        frame.hold();
+        hold(frame);
         endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
     }
     EXPECT_EQ(IP::heldSends(), 3u);
@@ -125,8 +116,8 @@ TEST_F(GreHoldTest, ADatagramNotEndingWithTheFrameGoesAtOnceBehindTheHeldOnes) {
     auto endpoint = open();
     auto peer = socketIn(ap, AF_INET, SOCK_RAW, 47);
     BatchSeam seam({});
-    const Frame held(64, 0x10);
-    held.hold();
+    const Frame held(64, 0x10, 1);
+    hold(held);
     endpoint->writeIPv4(held.pdu, ipv4("192.0.2.2"));
     EXPECT_EQ(IP::heldSends(), 1u);
     // A piece cut from the frame (a fragment), and a copy elsewhere (a flood):
@@ -135,7 +126,7 @@ TEST_F(GreHoldTest, ADatagramNotEndingWithTheFrameGoesAtOnceBehindTheHeldOnes) {
     piece._end = static_cast<uint16_t>(piece._end - 8);
     endpoint->writeIPv4(piece, ipv4("192.0.2.2"));
     EXPECT_EQ(IP::heldSends(), 0u);
-    const Frame elsewhere(80, 0x40);
+    const Frame elsewhere(80, 0x40, 1);
     endpoint->writeIPv4(elsewhere.pdu, ipv4("192.0.2.2"));
     EXPECT_EQ(IP::heldSends(), 0u);
     EXPECT_EQ(batches, std::vector<unsigned>{1});
@@ -151,9 +142,9 @@ TEST_F(GreHoldTest, TheHoldFlushesItselfWhenFull) {
     BatchSeam seam({});
     const unsigned limit = IP::maxHeldSends();
     ASSERT_GT(limit, 1u);
-    const Frame frame(64, 0x10);
+    const Frame frame(64, 0x10, 1);
     for (unsigned i = 0; i < limit + 1; ++i) {
-        frame.hold();
+        hold(frame);
         endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
     }
     EXPECT_EQ(batches, std::vector<unsigned>{limit});
@@ -170,9 +161,9 @@ TEST_F(GreHoldTest, AHeldDatagramRefusedWithEnobufsIsRetriedAsAlways) {
     // through the ordinary retries (the real sendto succeeds at once), and the
     // other two follow in a second batch.
     BatchSeam seam({ENOBUFS});
-    const Frame frames[] = {Frame(64, 0x10), Frame(80, 0x20), Frame(96, 0x30)};
+    const Frame frames[] = {Frame(64, 0x10, 1), Frame(80, 0x20, 1), Frame(96, 0x30, 1)};
     for (const Frame& frame : frames) {
-        frame.hold();
+        hold(frame);
         endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
     }
     IP::flushHeldSends();
@@ -186,12 +177,12 @@ TEST_F(GreHoldTest, OtherErrorsOfAHeldDatagramAreTheUsualWarning) {
     auto endpoint = open();
     auto peer = socketIn(ap, AF_INET, SOCK_RAW, 47);
     BatchSeam seam({0});
-    Frame frame(64, 0x10);
+    Frame frame(64, 0x10, 1);
     // No route to 203.0.113.0/24: the batch stops at the first datagram, which
     // is then sent alone and warned about; the next one still goes out.
-    frame.hold();
+    hold(frame);
     endpoint->writeIPv4(frame.pdu, ipv4("203.0.113.9"));
-    frame.hold();
+    hold(frame);
     endpoint->writeIPv4(frame.pdu, ipv4("192.0.2.2"));
     IP::flushHeldSends();
     EXPECT_EQ(receive(peer.get()), frame.payload());
@@ -203,14 +194,14 @@ TEST_F(GreHoldTest, TooBigIsWarnedWhenHeldAndNothingIsHeldWithoutAHold) {
     auto endpoint = open();
     auto peer = socketIn(ap, AF_INET, SOCK_RAW, 47);
     BatchSeam seam({});
-    Frame big(1500, 0x40);
-    big.hold();
+    Frame big(1500, 0x40, 1);
+    hold(big);
     endpoint->writeIPv4(big.pdu, ipv4("192.0.2.2"));
     EXPECT_EQ(capture.lines(),
               Lines{"vxh0 (ip://192.0.2.1) packet too big: 1500 (len) > 1480 (mtu)"});
     IP::stopHoldingSends();  // hands over what is held
     EXPECT_EQ(receive(peer.get()), big.payload());
-    Frame small(64, 0x50);
+    Frame small(64, 0x50, 1);
     endpoint->writeIPv4(small.pdu, ipv4("192.0.2.2"));
     EXPECT_EQ(IP::heldSends(), 0u);
     EXPECT_EQ(receive(peer.get()), small.payload());

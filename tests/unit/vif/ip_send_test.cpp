@@ -19,21 +19,6 @@ using lumora::vif::IP;
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
-// A frame buffer with headroom and tailroom filled with a marker, so that a
-// send of anything but _begin.._end shows.
-struct Frame {
-    explicit Frame(size_t length) : storage(length + 96, 0xEE) {
-        for (size_t i = 0; i < length; ++i) storage[64 + i] = static_cast<uint8_t>(i * 7 + 1);
-        pdu._buf = storage.data();
-        pdu._cap = static_cast<uint16_t>(storage.size());
-        pdu._begin = 64;
-        pdu._end = static_cast<uint16_t>(64 + length);
-    }
-    Bytes payload() const { return Bytes(storage.begin() + 64, storage.begin() + pdu._end); }
-    Bytes storage;
-    lumora::pdu::PDU pdu;
-};
-
 class GreSendTest : public VifNetTest {
 protected:
     GreSendTest() { needs_link = true; }

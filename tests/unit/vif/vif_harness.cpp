@@ -183,4 +183,16 @@ int VifNetTest::mtuIn(const std::string& ns, const char* interface) {
     return request.ifr_mtu;
 }
 
+Frame::Frame(size_t length, uint8_t first, uint8_t step) : storage(64 + length + 32, 0xEE) {
+    for (size_t i = 0; i < length; ++i) storage[64 + i] = static_cast<uint8_t>(first + i * step);
+    pdu._buf = storage.data();
+    pdu._cap = static_cast<uint16_t>(storage.size());
+    pdu._begin = 64;
+    pdu._end = static_cast<uint16_t>(64 + length);
+}
+
+std::vector<uint8_t> Frame::payload() const {
+    return std::vector<uint8_t>(storage.begin() + pdu._begin, storage.begin() + pdu._end);
+}
+
 }  // namespace vxbrd_test

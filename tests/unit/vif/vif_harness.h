@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "app/Logger.h"
+#include "pdu/PDU.h"
 #include "support/memory_log.h"
 #include "vif/Descriptor.h"
 
@@ -61,6 +62,16 @@ private:
 
 // Number of descriptors the process has open.
 int openDescriptors();
+
+// A frame in a buffer of its own, as the tap reads it: 64 bytes of headroom
+// and 32 of tailroom around it, both filled with 0xEE so that a send of
+// anything but _begin.._end shows. Byte i of the frame is first + i * step.
+struct Frame {
+    explicit Frame(size_t length, uint8_t first = 1, uint8_t step = 7);
+    std::vector<uint8_t> payload() const;  // _begin.._end
+    std::vector<uint8_t> storage;
+    lumora::pdu::PDU pdu;
+};
 
 in_addr ipv4(const char* text);
 in6_addr ipv6(const char* text);
