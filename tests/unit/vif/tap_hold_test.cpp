@@ -64,15 +64,7 @@ class TapHoldTest : public VifNetTest {
         capture.clear();
         return tap;
     }
-    lumora::vif::Descriptor receiver() {
-        auto sock = socketIn(hub, AF_PACKET, SOCK_RAW, htons(kTestEtherType));
-        sockaddr_ll at{};
-        at.sll_family = AF_PACKET;
-        at.sll_protocol = htons(kTestEtherType);
-        at.sll_ifindex = static_cast<int>(indexIn(hub, "vxtap0"));
-        EXPECT_EQ(bind(sock.get(), reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
-        return sock;
-    }
+    lumora::vif::Descriptor receiver() { return packetReceiver("vxtap0", kTestEtherType); }
     // The next frame written into the tap (frames the host sends are skipped),
     // or nothing when none comes (without waiting when `wait` is false).
     static Bytes next(int fd, bool wait = true) {

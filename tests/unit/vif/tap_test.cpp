@@ -210,12 +210,7 @@ TEST_F(TapTest, SuccessiveReadsUseTheSlotsOfARingInTurn) {
 TEST_F(TapTest, WrittenFrameAppearsOnTheInterface) {
     auto tap = open("vxtap0");
     capture.clear();
-    auto receiver = socketIn(hub, AF_PACKET, SOCK_RAW, htons(kTestEtherType));
-    sockaddr_ll at{};
-    at.sll_family = AF_PACKET;
-    at.sll_protocol = htons(kTestEtherType);
-    at.sll_ifindex = static_cast<int>(indexIn(hub, "vxtap0"));
-    ASSERT_EQ(bind(receiver.get(), reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+    auto receiver = packetReceiver("vxtap0", kTestEtherType);
 
     const Bytes frame = ethernetFrame(kTapMac, kOtherMac, 98);
     Bytes storage(4096, 0xEE);

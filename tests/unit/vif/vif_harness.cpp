@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/if_packet.h>
 #include <net/if.h>
 #include <sched.h>
 #include <signal.h>
@@ -165,6 +166,17 @@ lumora::vif::Descriptor VifNetTest::socketIn(const std::string& ns, int domain, 
 unsigned VifNetTest::indexIn(const std::string& ns, const char* interface) {
     ScopedNetns in(ns);
     return if_nametoindex(interface);
+}
+
+lumora::vif::Descriptor VifNetTest::packetReceiver(const char* interface, uint16_t ethertype) {
+    auto sock = socketIn(hub, AF_PACKET, SOCK_RAW, htons(ethertype));
+    sockaddr_ll at{};
+    at.sll_family = AF_PACKET;
+    at.sll_protocol = htons(ethertype);
+    at.sll_ifindex = static_cast<int>(indexIn(hub, interface));
+    EXPECT_EQ(bind(sock.get(), reinterpret_cast<sockaddr*>(&at), sizeof at), 0)
+        << std::strerror(errno);
+    return sock;
 }
 
 int VifNetTest::flagsIn(const std::string& ns, const char* interface) {

@@ -90,6 +90,9 @@ protected:
     unsigned indexIn(const std::string& ns, const char* interface);
     int flagsIn(const std::string& ns, const char* interface);
     int mtuIn(const std::string& ns, const char* interface);
+    // A packet socket in the hub that receives the frames of one ethertype
+    // crossing the interface (both ways: check sll_pkttype).
+    lumora::vif::Descriptor packetReceiver(const char* interface, uint16_t ethertype);
 
     // Set by fixtures that send over the veth pair before SetUp runs.
     bool needs_link = false;
