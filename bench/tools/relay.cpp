@@ -222,7 +222,8 @@ void egressBatched(int gre, int tap, sockaddr_in peer, uint16_t vlan, const benc
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 9) {
+    const std::string kind = argc == 9 ? argv[2] : "";
+    if (kind != "minimal" && kind != "duplex" && kind != "batched") {
         std::fprintf(
             stderr,
             "usage: relay ingress|egress minimal|duplex|batched LOCAL_IP PEER_IP TAP VLAN KEY "
@@ -230,7 +231,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string direction = argv[1];
-    const bool batched = std::string(argv[2]) == "batched";
+    const bool batched = kind == "batched";
     const in_addr local = bench::parseIPv4(argv[3]);
     sockaddr_in peer{};
     peer.sin_family = AF_INET;
@@ -242,7 +243,7 @@ int main(int argc, char** argv) {
     const int tap = tapDevice(argv[5]);
     std::fprintf(stderr, "relay: ready\n");
     const bench::Bytes header = bench::greHeader(key >= 0, static_cast<uint32_t>(key));
-    if (std::string(argv[2]) == "duplex") {
+    if (kind == "duplex") {
         // The thread never ends; alarm ends the process.
         if (direction == "ingress") {
             std::thread([=] { egressMinimal(gre, tap, peer, vlan, header); }).detach();
