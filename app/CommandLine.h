@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "app/Logger.h"
-#include "app/Runtime.h"
+#include "core/Logger.h"
+#include "core/Runtime.h"
 
 namespace lumora {
 

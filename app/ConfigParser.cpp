@@ -15,7 +15,7 @@
 #include <cstring>
 #include <regex>
 
-#include "app/Config.h"
+#include "core/Config.h"
 
 namespace lumora {
 

@@ -29,7 +29,7 @@ void daemonize(Logger& logger, const char* pid_path) {
     setsid();
     const pid_t daemon = fork();
     if (daemon < 0) {
-        logger.log(Error, "fork(): %s", std::strerror(errno));
+        VXBRD_LOG(logger, Error, "fork(): %s", std::strerror(errno));
         std::exit(1);
     }
     if (daemon == 0) {
@@ -44,7 +44,7 @@ void daemonize(Logger& logger, const char* pid_path) {
     // a PID file is acceptable to the operators, hence status 0 either way.
     FILE* file = std::fopen(pid_path, "w");
     if (file == nullptr) {
-        logger.log(Warning, "can't write PID to %s: %s", pid_path, std::strerror(errno));
+        VXBRD_LOG(logger, Warning, "can't write PID to %s: %s", pid_path, std::strerror(errno));
         std::exit(0);
     }
     std::fprintf(file, "%d\n", static_cast<int>(daemon));

@@ -13,14 +13,15 @@
 #include <vector>
 
 #include "app/CommandLine.h"
-#include "app/Config.h"
+#include "app/ConfigParser.h"
 #include "app/Daemon.h"
-#include "app/Logger.h"
-#include "app/Runtime.h"
 #include "app/StartupSteps.h"
 #include "app/Version.h"
 #include "app/interfaces.h"
 #include "control/ControlSocket.h"
+#include "core/Config.h"
+#include "core/Logger.h"
+#include "core/Runtime.h"
 #include "tunnel/Context.h"
 #include "tunnel/Egress.h"
 #include "tunnel/Ingress.h"
@@ -46,7 +47,7 @@ std::thread startThread(Logger& logger, Args&&... args) {
     try {
         return std::thread(std::forward<Args>(args)...);
     } catch (const std::system_error& error) {
-        logger.log(Error, "Critical error - %s (%d)", error.what(), error.code().value());
+        VXBRD_LOG(logger, Error, "Critical error - %s (%d)", error.what(), error.code().value());
         std::exit(-1);
     }
 }
@@ -55,7 +56,7 @@ void discoverHostInterfaces(Logger& logger) {
     try {
         discoverInterfaces(system_interfaces, runtime.ipv4_addresses, runtime.ipv6_addresses);
     } catch (int error) {
-        logger.log(Error, "getifaddrs(): %s", std::strerror(error));
+        VXBRD_LOG(logger, Error, "getifaddrs(): %s", std::strerror(error));
         std::exit(1);
     }
 }
@@ -65,7 +66,7 @@ void loadConfiguration(Logger& logger, const std::string& path) {
         parse_config(config, path.c_str());
     } catch (...) {
         // The parser has already said what is wrong, on stderr.
-        logger.log(Error, "can't parse config file");
+        VXBRD_LOG(logger, Error, "can't parse config file");
         std::exit(1);
     }
 }
@@ -85,14 +86,15 @@ void settleSendAll(const Options& options) {
 void logTunnelPolicy(Logger& logger) {
     const SendAll& send_all = tunnelContext().send_all;
     if (send_all.family == 1) {
-        logger.log(Error, "Sending all traffic to %s", addressText(send_all.ipv4).c_str());
+        VXBRD_LOG(logger, Error, "Sending all traffic to %s", addressText(send_all.ipv4).c_str());
     } else if (send_all.family == 2) {
-        logger.log(Error, "Sending all traffic to %s", addressText(send_all.ipv6).c_str());
+        VXBRD_LOG(logger, Error, "Sending all traffic to %s", addressText(send_all.ipv6).c_str());
     }
     if (config.gre_key_mode != Ignore) {
-        logger.log(Notice, "GRE Key Mode: %s", greKeyModeKeyword(config.gre_key_mode));
+        VXBRD_LOG(logger, Notice, "GRE Key Mode: %s", greKeyModeKeyword(config.gre_key_mode));
         if (config.gre_key_mode == Require) {
-            logger.log(Notice, "GRE required key: %lu", static_cast<unsigned long>(config.gre_key));
+            VXBRD_LOG(logger, Notice, "GRE required key: %lu",
+                      static_cast<unsigned long>(config.gre_key));
         }
     }
 }
@@ -112,21 +114,22 @@ void startGreEndpoint(Logger& logger, Threads& threads, vif::IP* endpoint) {
 void openGreEndpoints(Logger& logger, Threads& threads) {
     for (const auto& [name, addresses] : runtime.ipv4_addresses) {
         if (skipsVlanInterface(name, addresses.size())) {
-            logger.log(Notice, "Skipping interface: %s (%s). VLAN interface with > 2 ipaddrs (%d)",
-                       name.c_str(), addressText(addresses.front()).c_str(),
-                       static_cast<int>(addresses.size()));
+            VXBRD_LOG(logger, Notice,
+                      "Skipping interface: %s (%s). VLAN interface with > 2 ipaddrs (%d)",
+                      name.c_str(), addressText(addresses.front()).c_str(),
+                      static_cast<int>(addresses.size()));
             continue;
         }
         for (const in_addr& address : addresses) {
-            logger.log(Notice, "Listening on interface: %s (%s)", name.c_str(),
-                       addressText(address).c_str());
+            VXBRD_LOG(logger, Notice, "Listening on interface: %s (%s)", name.c_str(),
+                      addressText(address).c_str());
             startGreEndpoint(logger, threads, new vif::IP(&logger, address, name));
         }
     }
     for (const auto& [name, addresses] : runtime.ipv6_addresses) {
         for (const in6_addr& address : addresses) {
-            logger.log(Notice, "Listening on interface: %s (%s)", name.c_str(),
-                       addressText(address).c_str());
+            VXBRD_LOG(logger, Notice, "Listening on interface: %s (%s)", name.c_str(),
+                      addressText(address).c_str());
             startGreEndpoint(logger, threads, new vif::IP(&logger, address, name));
         }
     }
@@ -136,7 +139,7 @@ void openGreEndpoints(Logger& logger, Threads& threads) {
 // it has no thread of its own.
 void openForwardingEndpoint(Logger& logger) {
     if (config.forward_servers.empty()) return;
-    logger.log(Notice, "Listening for forwarding on all IPv4 addresses");
+    VXBRD_LOG(logger, Notice, "Listening for forwarding on all IPv4 addresses");
     in_addr any{};
     any.s_addr = htonl(INADDR_ANY);
     tunnelContext().forward_socket.store(new vif::IP(&logger, any, "any"),
@@ -148,23 +151,24 @@ void openTapEndpoints(Logger& logger, Threads& threads) {
     TunnelContext& context = tunnelContext();
     for (const InterfaceConfig& tap : config.interfaces) {
         if (context.taps_by_vid[tap.vid].load(std::memory_order_relaxed) != nullptr) {
-            logger.log(Warning, "duplicate vlan entry for vid %d", tap.vid);
+            VXBRD_LOG(logger, Warning, "duplicate vlan entry for vid %d", tap.vid);
             continue;
         }
-        logger.log(Notice, "interface: %s, vlan: %d, vlan-isolation: %s", tap.name.c_str(),
-                   tap.vid, tap.isolate ? "true" : "false");
+        VXBRD_LOG(logger, Notice, "interface: %s, vlan: %d, vlan-isolation: %s", tap.name.c_str(),
+                  tap.vid, tap.isolate ? "true" : "false");
         const auto parent = parent_interfaces.find(tap.name);
         if (parent != parent_interfaces.end()) {
             // The parser accepted the parent only if discovery had found it.
-            logger.log(Notice, "interface: %s parent interface: %s (%s)", tap.name.c_str(),
-                       parent->second.c_str(), macText(system_interfaces.at(parent->second)).c_str());
+            VXBRD_LOG(logger, Notice, "interface: %s parent interface: %s (%s)", tap.name.c_str(),
+                      parent->second.c_str(),
+                      macText(system_interfaces.at(parent->second)).c_str());
         }
         vif::TAP* endpoint = nullptr;
         try {
             // The name lives in the configuration, which outlives the endpoint.
             endpoint = new vif::TAP(&logger, tap.name.c_str());
         } catch (int) {
-            logger.log(Error, "Critical error - cannot open TAP interface. Exiting.");
+            VXBRD_LOG(logger, Error, "Critical error - cannot open TAP interface. Exiting.");
             std::exit(-1);
         }
         context.taps_by_vid[tap.vid].store(endpoint, std::memory_order_release);
@@ -175,8 +179,8 @@ void openTapEndpoints(Logger& logger, Threads& threads) {
 
 void logForwarding(Logger& logger) {
     for (const auto& [vid, server] : config.forward_servers) {
-        logger.log(Notice, "VLAN %d traffic will be forwarded to server %s", vid,
-                   addressText(server.address).c_str());
+        VXBRD_LOG(logger, Notice, "VLAN %d traffic will be forwarded to server %s", vid,
+                  addressText(server.address).c_str());
     }
 }
 
@@ -194,7 +198,7 @@ int daemonMain(int argc, char** argv) {
 
     discoverHostInterfaces(logger);
     loadConfiguration(logger, options.config_path);
-    logger.log(Error, "vxbrd %s", versionString().c_str());
+    VXBRD_LOG(logger, Error, "vxbrd %s", versionString().c_str());
     settleSendAll(options);
 
     // Before any thread exists, so that every thread belongs to the daemon.
@@ -209,7 +213,7 @@ int daemonMain(int argc, char** argv) {
         openGreEndpoints(logger, threads);
         openForwardingEndpoint(logger);
     } catch (int error) {
-        logger.log(Error, "exception caught: %d", error);
+        VXBRD_LOG(logger, Error, "exception caught: %d", error);
         std::exit(1);
     }
     openTapEndpoints(logger, threads);

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-#include "app/Config.h"
+#include "core/Config.h"
 
 namespace lumora {
 

@@ -12,7 +12,7 @@
 #include <memory>
 #include <vector>
 
-#include "app/Logger.h"
+#include "core/Logger.h"
 #include "tunnel/Learning.h"
 #include "tunnel/Tables.h"
 

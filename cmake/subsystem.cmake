@@ -9,7 +9,7 @@ else()
 endif()
 
 function(vxbrd_warnings target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wformat=2 -Werror)
 endfunction()
 
 # vxbrd_library(NAME SOURCES... [DEPS libs...])

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -14,6 +15,7 @@
 
 #include "control/Reports.h"
 #include "control/socket_platform.h"
+#include "core/Descriptor.h"
 
 namespace lumora {
 
@@ -23,28 +25,31 @@ constexpr size_t kRequestSize = 80;
 
 // Messages of this thread go to standard output, flushed per line so that an
 // operator watching a pipe sees them as they happen.
-template <typename... Args>
-void say(const char* format, Args... args) {
-    std::printf(format, args...);
+__attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::vprintf(format, args);
+    va_end(args);
     std::fflush(stdout);
 }
 
-int openListener(const std::string& path) {
+// The listening socket, or none when it cannot be bound or listened on.
+Descriptor openListener(const std::string& path) {
     unlink(path.c_str());  // a socket file left by an earlier run goes
-    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(),
                 std::min(path.size() + 1, sizeof(address.sun_path)));
-    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), unixAddressSize()) < 0) {
-        say("bind failed: %s[%d]\n", std::strerror(errno), errno);
-        if (listener >= 0) close(listener);
-        return -1;
+    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), unixAddressSize()) < 0) {
+        const int error = errno;
+        say("bind failed: %s[%d]\n", std::strerror(error), error);
+        return Descriptor();
     }
-    if (listen(listener, 5) < 0) {
-        say("listen failed: %s[%d]\n", std::strerror(errno), errno);
-        close(listener);
-        return -1;
+    if (listen(listener.get(), 5) < 0) {
+        const int error = errno;
+        say("listen failed: %s[%d]\n", std::strerror(error), error);
+        return Descriptor();
     }
     return listener;
 }
@@ -79,8 +84,10 @@ void serveRequest(int client, std::vector<int>& descriptors, Tables& tables) {
 }  // namespace
 
 void controlSocketServer(const std::string& path, Tables& tables) {
-    const int listener = openListener(path);
-    if (listener < 0) return;
+    // Kept for the thread's life, which is the process's.
+    const Descriptor listening = openListener(path);
+    if (!listening.valid()) return;
+    const int listener = listening.get();
     std::vector<int> descriptors{listener};
     // Grows with the descriptor list, so the number of clients is not capped.
     std::vector<pollfd> table;

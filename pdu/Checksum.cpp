@@ -1,7 +1,7 @@
 // IPv4 header checksum for frames whose sender left the field at zero.
-#include <cstdint>
+#include "pdu/Checksum.h"
 
-#include "pdu/IPv4.h"
+#include <cstdint>
 
 namespace lumora::pdu {
 

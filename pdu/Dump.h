@@ -28,9 +28,4 @@ void dump(UdpPDU udp, FILE* out, int depth);
 void dump(Icmpv4PDU icmp, FILE* out, int depth);
 void dump(Icmpv6PDU icmp, FILE* out, int depth);
 
-// Bytes _begin.._end of p, 16 to a line: offset, hex columns, printable text.
-// An empty PDU prints nothing.
-void dumpHex(PDU p, FILE* out);
-void dumpHex(const uint8_t* bytes, size_t length, FILE* out);
-
 }  // namespace lumora::pdu

@@ -1,10 +1,9 @@
-// Hex dump of frame bytes for the Debug level.
+#include "pdu/HexDump.h"
+
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-
-#include "pdu/Dump.h"
 
 namespace lumora::pdu {
 

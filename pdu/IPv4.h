@@ -63,8 +63,4 @@ struct IPv4PDU : PDU {
 
 static_assert(std::is_trivially_copyable_v<IPv4PDU> && sizeof(IPv4PDU) <= 16);
 
-// Fills in the header checksum of a header whose checksum field is zero (the
-// host left it to us); a non-zero field is left as it is, right or wrong.
-void ipv4HeaderChecksum(IPv4PDU ip);
-
 }  // namespace lumora::pdu

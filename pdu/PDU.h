@@ -26,8 +26,8 @@ inline void store32(uint8_t* p, uint32_t v) {
 }
 
 // errno values thrown as bare ints by the packet model.
-inline constexpr int kInvalid = 22;   // EINVAL on every platform we build for
-inline constexpr int kNoBuffers = 55; // the daemon's own code for "headroom exhausted"
+inline constexpr int kInvalid = 22;    // EINVAL on every platform we build for
+inline constexpr int kNoBuffers = 55;  // the daemon's own code for "headroom exhausted"
 
 struct PDU {
     uint8_t* _buf = nullptr;

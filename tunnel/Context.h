@@ -13,9 +13,9 @@
 #include <map>
 #include <string>
 
-#include "app/Config.h"
-#include "app/Logger.h"
-#include "app/Runtime.h"
+#include "core/Config.h"
+#include "core/Logger.h"
+#include "core/Runtime.h"
 #include "tunnel/Tables.h"
 #include "vif/VIF"
 

@@ -3,12 +3,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "pdu/Checksum.h"
 #include "pdu/ClampMSS.h"
 #include "pdu/Dump.h"
+#include "pdu/HexDump.h"
+#include "pdu/Tag.h"
 #include "pdu/Text.h"
 #include "pdu/Views.h"
-#include "tunnel/Encapsulation.h"
-#include "tunnel/Tag.h"
+#include "tunnel/Send.h"
 #include "vif/TAP"
 
 namespace lumora {
@@ -38,8 +40,9 @@ void repairArpReply(TunnelContext& context, Endpoint& tap, PDU frame, pdu::ArpPD
     const auto parent = context.parents->find(tap.name());
     if (parent == context.parents->end()) return;
     const MacAddress parent_mac = interfaceMac(context, parent->second);
-    context.logger->log(Notice, "Incorrect ARP Reply MAC address (%s). Re-writing with %s mac %s",
-                        tap.name(), parent->second.c_str(), pdu::macToText(parent_mac.data()));
+    VXBRD_LOG(*context.logger, Notice,
+              "Incorrect ARP Reply MAC address (%s). Re-writing with %s mac %s", tap.name(),
+              parent->second.c_str(), pdu::macToText(parent_mac.data()));
     if (arp.hardwareLength() == 6)
         std::memcpy(arp.senderHardware(), parent_mac.data(), parent_mac.size());
     std::memcpy(frame.data() + 6, parent_mac.data(), parent_mac.size());
@@ -65,8 +68,8 @@ bool serverDestination(TunnelContext& context, uint16_t vlan, Destination& desti
 void sendToServer(TunnelContext& context, Endpoint& tap, const Destination& destination,
                   PDU frame) {
     if (destination.endpoint == nullptr) {
-        context.logger->log(Warning, "%s: no GRE endpoint of the server's address family",
-                            tap.name());
+        VXBRD_LOG(*context.logger, Warning, "%s: no GRE endpoint of the server's address family",
+                  tap.name());
         return;
     }
     send(*context.logger, destination, frame, nullptr, context.config->mtu);
@@ -100,7 +103,7 @@ void clampOutgoingMss(TunnelContext& context, PDU frame) {
     if (ip.protocol() != pdu::kProtocolTcp || ip.fragmentOffset() != 0) return;
     const auto tcp = pdu::TcpPDU::at(ip, ip.innerBegin());
     if (tcp.syn() && pdu::clampMSS(tcp, context.config->mss))
-        context.logger->log(Debug, "clamping MSS to GRE");
+        VXBRD_LOG(*context.logger, Debug, "clamping MSS to GRE");
 }
 
 }  // namespace
@@ -111,9 +114,9 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
     if (read.length() < kEthernetHeader) throw kInvalid;
     PDU frame = read;
 
-    if (log.level >= static_cast<int32_t>(Info) && log.stream != nullptr) {
-        pdu::dump(pdu::EthernetPDU::at(frame, frame._begin), log.stream, 0);
-        if (log.level >= static_cast<int32_t>(Debug)) pdu::dumpHex(frame, log.stream);
+    if (FILE* out = log.dumpStream(Info)) {
+        pdu::dump(pdu::EthernetPDU::at(frame, frame._begin), out, 0);
+        if (log.enabled(Debug)) pdu::dumpHex(frame, out);
     }
 
     uint16_t vlan = device_vlan;
@@ -122,7 +125,7 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
         vlan = tag.vlan();
         if (!context.config->vlans.test(vlan)) return;
         if (frame.length() < 18) throw kInvalid;
-        removeTag(frame);
+        pdu::removeTag(frame);
     }
 
     const uint16_t ethertype = pdu::load16(frame.data() + 12);
@@ -150,8 +153,8 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
         ClientRoute route;
         if (client != nullptr) route = client->route();
         if (client == nullptr || !route.hasPeer || route.endpoint == nullptr) {
-            log.log(Notice, "%s: can't find peer for host %s", tap.name(),
-                    pdu::packedMacToText(pdu::packMac(frame.data())));
+            VXBRD_LOG(log, Notice, "%s: can't find peer for host %s", tap.name(),
+                      pdu::packedMacToText(pdu::packMac(frame.data())));
             return;
         }
         client->addTraffic(0, frame.length(), 0, 1);
@@ -171,7 +174,7 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
 }
 
 void runTapEgress(Logger* logger, vif::TAP* tap, uint16_t vlan) {
-    logger->log(Debug, "TAP thread running on %s", tap->name());
+    VXBRD_LOG(*logger, Debug, "TAP thread running on %s", tap->name());
     TunnelContext& context = tunnelContext();
     uint8_t flood_buffer[kFloodBufferSize];
     // Frames come from the host's own stack and are trusted to be well

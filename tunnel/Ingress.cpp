@@ -5,11 +5,11 @@
 #include "pdu/ClampMSS.h"
 #include "pdu/Views.h"
 #include "pdu/Text.h"
-#include "tunnel/Encapsulation.h"
+#include "tunnel/Send.h"
 #include "tunnel/KeyPolicy.h"
 #include "tunnel/Learning.h"
 #include "tunnel/Relay.h"
-#include "tunnel/Tag.h"
+#include "pdu/Tag.h"
 #include "vif/IP"
 #include "vif/TAP"
 
@@ -46,11 +46,11 @@ void clampIncomingMss(TunnelContext& context, const GreSource& source, PDU frame
     pdu::TcpPDU tcp;
     bool malformed = false;
     if (isTcpSynWithoutAck(frame, tcp, malformed)) {
-        if (pdu::clampMSS(tcp, context.config->mss)) context.logger->log(Debug, "clamping MSS");
+        if (pdu::clampMSS(tcp, context.config->mss)) VXBRD_LOG(*context.logger, Debug, "clamping MSS");
     } else if (malformed) {
         const void* address = source.family == AF_INET6 ? static_cast<const void*>(&source.ipv6)
                                                         : static_cast<const void*>(&source.ipv4);
-        context.logger->log(Warning, "Invalid TCP packet from peer %s vlan %d from client %s",
+        VXBRD_LOG(*context.logger, Warning, "Invalid TCP packet from peer %s vlan %d from client %s",
                             pdu::addressToText(static_cast<int>(source.family), address),
                             policy_vlan, pdu::macToText(frame.data() + 6));
     }
@@ -71,7 +71,7 @@ bool writeIPv6Multicast(TunnelContext& context, Endpoint& tap, PDU frame) {
     std::memcpy(saved, destination, sizeof saved);
     char old_text[18];
     std::memcpy(old_text, pdu::macToText(saved), sizeof old_text);
-    context.logger->log(Info, "IPv6oEthernet Multicast Packet. Rewriting DMAC from %s to %s",
+    VXBRD_LOG(*context.logger, Info, "IPv6oEthernet Multicast Packet. Rewriting DMAC from %s to %s",
                         old_text, pdu::macToText(tap_mac.data()));
     std::memcpy(destination, tap_mac.data(), tap_mac.size());
     tap.write(frame);
@@ -95,7 +95,7 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
     // checksum bit says; it is read there.
     const uint32_t key = has_key ? gre.wordAt4() : 0;
     if (gre.protocol() != pdu::kProtocolTransparentEthernet) {
-        log.log(Warning, "%s: ignoring unsupported PDU type, protocol 0x%04X", endpoint_name,
+        VXBRD_LOG(log, Warning, "%s: ignoring unsupported PDU type, protocol 0x%04X", endpoint_name,
                 gre.protocol());
         return;
     }
@@ -105,29 +105,29 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
     if (recursion == pdu::kGreRelayReply) {
         gre.setRecursionControl(0);
         if (source.family != AF_INET) return;
-        log.log(Info, "Response VYM-VYM packet from %s on %s",
+        VXBRD_LOG(log, Info, "Response VYM-VYM packet from %s on %s",
                 pdu::addressToText(AF_INET, &source.ipv4), endpoint_name);
         relayToAccessPoint(context, source, frame, scratch);
         return;
     }
 
-    const uint16_t tag_vlan = tagVlanOf(frame);
+    const uint16_t tag_vlan = pdu::tagVlanOf(frame);
     const bool upstream = settings.forward_vlans.test(tag_vlan);
     if (upstream) {
         // The upstream gateway gets the packet as received, tag included.
         std::memcpy(scratch.copy.get(), datagram.data(), datagram.length());
     }
-    if (pdu::load16(frame.data() + 12) == pdu::kEthertypeVlan) removeTag(frame);
+    if (pdu::load16(frame.data() + 12) == pdu::kEthertypeVlan) pdu::removeTag(frame);
 
     in_addr upstream_address{};
     vif::GreSocket* forward_socket = nullptr;
     if (upstream) {
         upstream_address = settings.forward_servers.at(tag_vlan).address;
-        log.log(Info, "Forwarding VLAN %d to remote VYM %s", tag_vlan,
+        VXBRD_LOG(log, Info, "Forwarding VLAN %d to remote VYM %s", tag_vlan,
                 pdu::addressToText(AF_INET, &upstream_address));
         forward_socket = context.forward_socket.load(std::memory_order_acquire);
         if (forward_socket == nullptr) {
-            log.log(Error, "ip4_socket_forward_to_vym is nullptr");
+            VXBRD_LOG(log, Error, "ip4_socket_forward_to_vym is nullptr");
             return;
         }
     }
@@ -162,7 +162,7 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
 
     Endpoint* tap = context.tapFor(policy_vlan);
     if (tap == nullptr) {
-        log.log(Notice, "unexpected traffic on vlan %d", policy_vlan);
+        VXBRD_LOG(log, Notice, "unexpected traffic on vlan %d", policy_vlan);
         return;
     }
     clampIncomingMss(context, source, frame, policy_vlan);
@@ -171,7 +171,7 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
 }
 
 void runGreIngress(Logger* logger, vif::IP* endpoint) {
-    logger->log(Debug, "IPv4 thread running on %s", endpoint->name());
+    VXBRD_LOG(*logger, Debug, "IPv4 thread running on %s", endpoint->name());
     TunnelContext& context = tunnelContext();
     IngressScratch scratch;
     for (;;) {

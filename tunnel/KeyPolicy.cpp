@@ -1,6 +1,6 @@
 #include "tunnel/KeyPolicy.h"
 
-#include "app/Config.h"
+#include "core/Config.h"
 
 namespace lumora {
 
@@ -14,24 +14,25 @@ bool choosePolicyVlan(Logger& log, const char* endpoint_name, uint8_t mode, uint
     switch (mode) {
         case Reject:
             if (packet.has_key) {
-                log.log(Warning, "%s: ignoring PDU with GRE key %d", endpoint_name, packet.key);
+                VXBRD_LOG(log, Warning, "%s: ignoring PDU with GRE key %d", endpoint_name,
+                          packet.key);
                 return false;
             }
             return true;
         case Require:
             if (!packet.has_key) {
-                log.log(Warning, "%s: ignoring PDU without GRE key", endpoint_name);
+                VXBRD_LOG(log, Warning, "%s: ignoring PDU without GRE key", endpoint_name);
                 return false;
             }
             if (packet.key != required_key) {
-                log.log(Warning, "%s: ignoring PDU with invalid GRE key %d. Expecting %d",
-                        endpoint_name, packet.key, required_key);
+                VXBRD_LOG(log, Warning, "%s: ignoring PDU with invalid GRE key %d. Expecting %d",
+                          endpoint_name, packet.key, required_key);
                 return false;
             }
             return true;
         case VlanMap:
             if (!packet.has_key) {
-                log.log(Warning, "%s: ignoring PDU without GRE key", endpoint_name);
+                VXBRD_LOG(log, Warning, "%s: ignoring PDU without GRE key", endpoint_name);
                 return false;
             }
             policy_vlan = key_vlan;

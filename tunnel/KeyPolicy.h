@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "app/Logger.h"
+#include "core/Logger.h"
 
 namespace lumora {
 

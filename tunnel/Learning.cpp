@@ -22,10 +22,10 @@ void logNewPeer(Logger* logger, const Sighting& s, size_t total) {
         if (family == AF_INET || family == AF_INET6)
             local = addressText(family, s.endpoint->localIPv4(), s.endpoint->localIPv6());
     }
-    logger->log(Notice, "[peers] new peer: %s, vlan: %d, interface: %s[%s] (total: %lu)",
-                addressText(s.family, s.ipv4, s.ipv6), static_cast<int>(s.policyVlan),
-                s.endpoint != nullptr ? s.endpoint->interfaceName().c_str() : "", local.c_str(),
-                static_cast<unsigned long>(total));
+    VXBRD_LOG(*logger, Notice, "[peers] new peer: %s, vlan: %d, interface: %s[%s] (total: %lu)",
+              addressText(s.family, s.ipv4, s.ipv6), static_cast<int>(s.policyVlan),
+              s.endpoint != nullptr ? s.endpoint->interfaceName().c_str() : "", local.c_str(),
+              static_cast<unsigned long>(total));
 }
 
 // "<MAC>, peer: <address>", the common middle of both client lines.
@@ -77,7 +77,7 @@ ClientRecord* learn(Tables& tables, Logger* logger, const Sighting& s) {
         moving = !client->isSamePeer(candidate);
         if (moving) {
             line = "[cache] Update device peer: " + clientText(s);
-            logger->log(Notice, "Reassociating client to peer cache");
+            VXBRD_LOG(*logger, Notice, "Reassociating client to peer cache");
         }
     }
 
@@ -95,7 +95,7 @@ ClientRecord* learn(Tables& tables, Logger* logger, const Sighting& s) {
         line += ", mapped to vlan: " + std::to_string(s.policyVlan);
     }
     client->associate(peer, what);
-    logger->log(Notice, line.c_str());
+    VXBRD_LOG(*logger, Notice, line);
     return client;
 }
 

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "app/Logger.h"
+#include "core/Logger.h"
 #include "tunnel/Tables.h"
 
 namespace lumora {

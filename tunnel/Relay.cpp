@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "pdu/Ethernet.h"
+#include "pdu/Tag.h"
 #include "pdu/Text.h"
-#include "tunnel/Encapsulation.h"
-#include "tunnel/Tag.h"
+#include "tunnel/Send.h"
 
 namespace lumora {
 
@@ -24,8 +24,8 @@ bool isSource(const PeerRecord& peer, const GreSource& source) {
 
 // Strips an 802.1Q tag in place and returns its VLAN (0 when untagged).
 uint16_t stripTag(PDU& frame) {
-    const uint16_t vlan = tagVlanOf(frame);
-    if (pdu::load16(frame.data() + 12) == pdu::kEthertypeVlan) removeTag(frame);
+    const uint16_t vlan = pdu::tagVlanOf(frame);
+    if (pdu::load16(frame.data() + 12) == pdu::kEthertypeVlan) pdu::removeTag(frame);
     return vlan;
 }
 
@@ -34,18 +34,18 @@ void relayUnicast(TunnelContext& context, PDU frame, uint16_t vlan) {
     const uint8_t* destination = frame.data();
     ClientRecord* client = context.tables->findClient(destination, vlan);
     if (client == nullptr) {
-        log.log(Notice, "cant find client for VYM-VYM to %s, vid %d",
-                pdu::packedMacToText(pdu::packMac(destination)), vlan);
+        VXBRD_LOG(log, Notice, "cant find client for VYM-VYM to %s, vid %d",
+                  pdu::packedMacToText(pdu::packMac(destination)), vlan);
         return;
     }
     const ClientRoute route = client->route();
     if (!route.hasPeer || route.endpoint == nullptr) {
-        log.log(Notice, "SHOUD NOT GET HEE cant find client for VYM-VYM to %s, vid %d",
-                pdu::packedMacToText(pdu::packMac(destination)), vlan);
+        VXBRD_LOG(log, Notice, "SHOUD NOT GET HEE cant find client for VYM-VYM to %s, vid %d",
+                  pdu::packedMacToText(pdu::packMac(destination)), vlan);
         return;
     }
-    log.log(Info, "Forwarding VYM-VYM to remote AP %s via %s", route.address.text(),
-            route.endpoint->interfaceName().c_str());
+    VXBRD_LOG(log, Info, "Forwarding VYM-VYM to remote AP %s via %s", route.address.text(),
+              route.endpoint->interfaceName().c_str());
     send(log, destinationOf(route), frame, route.hasKey ? &route.greKey : nullptr,
          context.config->mtu);
 }
@@ -55,13 +55,13 @@ void relayBroadcast(TunnelContext& context, const GreSource& source, PDU frame, 
     Logger& log = *context.logger;
     for (const PeerRecord& peer : context.tables->floodPeers(vlan)) {
         if (isSource(peer, source) || peer.endpoint == nullptr) continue;
-        log.log(Info, "Forwarding VYM-VYM broadcast to remote AP %s via %s",
-                peer.address().text(), peer.endpoint->interfaceName().c_str());
+        VXBRD_LOG(log, Info, "Forwarding VYM-VYM broadcast to remote AP %s via %s",
+                  peer.address().text(), peer.endpoint->interfaceName().c_str());
         // Encapsulation edits the frame in place, so every peer gets a copy.
         // The copy's indexes are 16-bit: the largest frames an IPv4 datagram
         // carries get less headroom, still more than tag and GRE header need.
-        const auto room = static_cast<uint16_t>(
-            std::min<uint32_t>(kHeadroom, UINT16_MAX - frame.length()));
+        const auto room =
+            static_cast<uint16_t>(std::min<uint32_t>(kHeadroom, UINT16_MAX - frame.length()));
         const auto end = static_cast<uint16_t>(room + frame.length());
         std::memcpy(scratch.copy.get() + room, frame.data(), frame.length());
         PDU copy{scratch.copy.get(), end, room, end, {0, 0}};

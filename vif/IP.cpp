@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "vif/Descriptor.h"
+#include "core/Descriptor.h"
 #include "vif/TAP"
 #include "vif/ip_platform.h"
 
@@ -31,11 +31,11 @@ constexpr time_t kReadTimeoutSeconds = 5;
 void setSocketBuffers(Logger* logger, int fd, const char* name) {
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer) < 0) {
         const int error = errno;
-        logger->log(Warning, "%s SO_RCVBUF: %s", name, std::strerror(error));
+        VXBRD_LOG(*logger, Warning, "%s SO_RCVBUF: %s", name, std::strerror(error));
     }
     if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer) < 0) {
         const int error = errno;
-        logger->log(Warning, "%s SO_SNDBUF: %s", name, std::strerror(error));
+        VXBRD_LOG(*logger, Warning, "%s SO_SNDBUF: %s", name, std::strerror(error));
     }
 }
 
@@ -94,11 +94,11 @@ void IP::openIPv4() {
     const socklen_t size = platform::makeIPv4Address(local, ipv4_address);
     if (::bind(sock.get(), reinterpret_cast<const sockaddr*>(&local), size) < 0) {
         const int error = errno;
-        logger->log(Warning, "%s BINDv4: %s", name_text, std::strerror(error));
+        VXBRD_LOG(*logger, Warning, "%s BINDv4: %s", name_text, std::strerror(error));
     }
     ipv4_socket = sock.release();
-    logger->log(Notice, "%s mtu: %ld", name_text, mtu_value);
-    logger->log(Notice, "%s ready", name_text);
+    VXBRD_LOG(*logger, Notice, "%s mtu: %ld", name_text, mtu_value);
+    VXBRD_LOG(*logger, Notice, "%s ready", name_text);
 }
 
 void IP::openIPv6() {
@@ -119,11 +119,11 @@ void IP::openIPv6() {
         platform::makeIPv6Address(local, ipv6_address, link_local ? interface_index : 0);
     if (::bind(sock.get(), reinterpret_cast<const sockaddr*>(&local), size) < 0) {
         const int error = errno;
-        logger->log(Warning, "%s BINDv6: %s", name_text, std::strerror(error));
+        VXBRD_LOG(*logger, Warning, "%s BINDv6: %s", name_text, std::strerror(error));
     }
     ipv6_socket = sock.release();
-    logger->log(Notice, "%s mtu: %ld", name_text, mtu_value);
-    logger->log(Notice, "%s ready", name_text);
+    VXBRD_LOG(*logger, Notice, "%s mtu: %ld", name_text, mtu_value);
+    VXBRD_LOG(*logger, Notice, "%s ready", name_text);
 }
 
 // The receive buffer is cut into equal slots, one per datagram of a batch;
@@ -149,7 +149,7 @@ long IP::mtu() const { return mtu_value; }
 
 void IP::setMtu(long mtu) {
     if (mtu < kMinMtu || mtu > kMaxMtu) {
-        logger->log(Error, "%s invalid MTU requested: %d", name_text, static_cast<int>(mtu));
+        VXBRD_LOG(*logger, Error, "%s invalid MTU requested: %d", name_text, static_cast<int>(mtu));
         throw pdu::kInvalid;
     }
     mtu_value = mtu;
@@ -287,8 +287,8 @@ void IP::sendDatagram(int fd, pdu::PDU p, const sockaddr* destination, socklen_t
     const int length = p.length();
     // Advisory only: the egress path fragments before it gets here.
     if (length > mtu_value) {
-        logger->log(Warning, "%s packet too big: %d (len) > %d (mtu)", name_text, length,
-                    static_cast<int>(mtu_value));
+        VXBRD_LOG(*logger, Warning, "%s packet too big: %d (len) > %d (mtu)", name_text, length,
+                  static_cast<int>(mtu_value));
     }
     if (holdSend(fd, p, destination, size)) return;
     errno = 0;
@@ -320,7 +320,8 @@ void IP::finishSend(int fd, pdu::PDU p, const sockaddr* destination, socklen_t s
             timeval timeout{0, 100000};
             if (::select(fd + 1, nullptr, &writable, nullptr, &timeout) < 0) {
                 const int select_error = errno;
-                logger->log(Warning, "%s select(): %s", name_text, std::strerror(select_error));
+                VXBRD_LOG(*logger, Warning, "%s select(): %s", name_text,
+                          std::strerror(select_error));
                 return;
             }
         }
@@ -328,10 +329,11 @@ void IP::finishSend(int fd, pdu::PDU p, const sockaddr* destination, socklen_t s
     }
     for (int attempt = 1, delay = 100; error != 0; ++attempt, delay += 100) {
         if (error != ENOBUFS) {
-            logger->log(Warning, "%s sendto(): %d (%s)", name_text, error, std::strerror(error));
+            VXBRD_LOG(*logger, Warning, "%s sendto(): %d (%s)", name_text, error,
+                      std::strerror(error));
             return;
         }
-        logger->log(Warning, "%s sendto(): ENOBUFS; retries = %d", name_text, attempt);
+        VXBRD_LOG(*logger, Warning, "%s sendto(): ENOBUFS; retries = %d", name_text, attempt);
         send_calls.usleep(static_cast<useconds_t>(delay));
         error = attempt_send();
     }

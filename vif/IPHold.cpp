@@ -79,8 +79,7 @@ bool IP::holdSend(int fd, pdu::PDU p, const sockaddr* destination, socklen_t siz
     if (!state.holding) return false;
     const uint8_t* data = p.data();
     const uint8_t* end = data + p.length();
-    if (fd < 0 || data < state.frame_begin || end != state.frame_end ||
-        size > sizeof(Held::to)) {
+    if (fd < 0 || data < state.frame_begin || end != state.frame_end || size > sizeof(Held::to)) {
         flushHeldSends();
         return false;
     }

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "vif/Descriptor.h"
+#include "core/Descriptor.h"
 #include "vif/IP"
 #include "vif/tap_platform.h"
 
@@ -40,8 +40,8 @@ TAP::TAP(Logger* logger, const char* interface)
         platform::openTap(logger, interface_argument, name_text, link_address);
     mtu_value = opened.mtu;
     fd = opened.fd.release();
-    logger->log(Notice, "%s mtu: %ld", name_text, mtu_value);
-    logger->log(Notice, "%s ready", name_text);
+    VXBRD_LOG(*logger, Notice, "%s mtu: %ld", name_text, mtu_value);
+    VXBRD_LOG(*logger, Notice, "%s ready", name_text);
 }
 
 TAP::~TAP() {
@@ -57,7 +57,7 @@ long TAP::mtu() const { return mtu_value; }
 
 void TAP::setMtu(long mtu) {
     if (mtu < kMinMtu || mtu > kMaxMtu) {
-        logger->log(Error, "%s invalid MTU requested: %d", name_text, static_cast<int>(mtu));
+        VXBRD_LOG(*logger, Error, "%s invalid MTU requested: %d", name_text, static_cast<int>(mtu));
         throw pdu::kInvalid;
     }
     platform::setTapMtu(logger, fd, name_text, mtu);
@@ -129,8 +129,8 @@ pdu::IReadWriter& TAP::write(pdu::PDU p) {
     const int length = p.length();
     const ssize_t sent = write_call(fd, p.data(), static_cast<size_t>(length));
     if (sent != length) {
-        logger->log(Warning, "%s short write: %d (req) > %d (sent)", name_text, length,
-                    static_cast<int>(sent));
+        VXBRD_LOG(*logger, Warning, "%s short write: %d (req) > %d (sent)", name_text, length,
+                  static_cast<int>(sent));
     }
     return *this;
 }

@@ -89,9 +89,9 @@ void TAP::flushHeldWrites() {
     for (unsigned i = 0; i < count; ++i) {
         const Held& slot = state.held[i];
         if (results[i] != static_cast<ssize_t>(slot.length)) {
-            slot.tap->logger->log(Warning, "%s short write: %d (req) > %d (sent)",
-                                  slot.tap->name_text, static_cast<int>(slot.length),
-                                  static_cast<int>(results[i]));
+            VXBRD_LOG(*slot.tap->logger, Warning, "%s short write: %d (req) > %d (sent)",
+                      slot.tap->name_text, static_cast<int>(slot.length),
+                      static_cast<int>(results[i]));
         }
     }
 }

@@ -16,7 +16,7 @@ void setDontFragment(Logger* logger, int fd, const char* name) {
     const int on = 1;
     if (setsockopt(fd, IPPROTO_IP, IP_DONTFRAG, &on, sizeof on) < 0) {
         const int error = errno;
-        logger->log(Warning, "%s IP_DONTFRAG: %s", name, std::strerror(error));
+        VXBRD_LOG(*logger, Warning, "%s IP_DONTFRAG: %s", name, std::strerror(error));
     }
 }
 

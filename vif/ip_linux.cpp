@@ -19,7 +19,7 @@ void setDontFragment(Logger* logger, int fd, const char* name) {
     const int mode = IP_PMTUDISC_DO;
     if (setsockopt(fd, IPPROTO_IP, IP_MTU_DISCOVER, &mode, sizeof mode) < 0) {
         const int error = errno;
-        logger->log(Warning, "%s IP_MTU_DISCOVER: %s", name, std::strerror(error));
+        VXBRD_LOG(*logger, Warning, "%s IP_MTU_DISCOVER: %s", name, std::strerror(error));
     }
 }
 

@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "app/Logger.h"
+#include "core/Logger.h"
 #include "vif/IP"
 
 namespace lumora::vif::platform {

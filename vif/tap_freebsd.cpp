@@ -57,7 +57,7 @@ OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* li
     std::memset(&info, 0, sizeof info);
     if (::ioctl(fd, TAPGIFINFO, &info) < 0) failCall(logger, name, "TAPGIFINFO");
     if (info.type != IFT_ETHER) {
-        logger->log(Error, "%s not an Ethernet interface", name);
+        VXBRD_LOG(*logger, Error, "%s not an Ethernet interface", name);
         throw pdu::kInvalid;
     }
 

@@ -63,7 +63,7 @@ OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* li
     setName(request, name);
     if (::ioctl(sock.get(), SIOCGIFHWADDR, &request) < 0) failCall(logger, name, "SIOCGIFHWADDR");
     if (request.ifr_hwaddr.sa_family != ARPHRD_ETHER) {
-        logger->log(Error, "%s not an Ethernet interface", name);
+        VXBRD_LOG(*logger, Error, "%s not an Ethernet interface", name);
         throw pdu::kInvalid;
     }
     std::memset(link_address, 0, 16);

@@ -8,9 +8,9 @@
 
 #include <cstdint>
 
-#include "app/Logger.h"
+#include "core/Descriptor.h"
+#include "core/Logger.h"
 #include "pdu/PDU.h"
-#include "vif/Descriptor.h"
 #include "vif/TAP"
 
 namespace lumora::vif::platform {

@@ -21,7 +21,8 @@
 #include <cstring>
 #include <string>
 
-#include "app/Config.h"
+#include "app/ConfigParser.h"
+#include "core/Config.h"
 
 namespace {
 

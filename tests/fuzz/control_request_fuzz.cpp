@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "control/Reports.h"
-#include "tests/unit/tunnel/recording_endpoints.h"
+#include "tests/unit/tunnel/recording_support.h"
 #include "tunnel/Learning.h"
 
 namespace {

@@ -32,7 +32,7 @@
 #include <vector>
 
 #include "pdu/PDU.h"
-#include "tests/unit/tunnel/recording_endpoints.h"
+#include "tests/unit/tunnel/recording_support.h"
 #include "tunnel/Context.h"
 #include "tunnel/Ingress.h"
 

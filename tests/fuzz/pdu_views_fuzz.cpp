@@ -9,7 +9,9 @@
 #include <cstring>
 #include <memory>
 
+#include "pdu/Checksum.h"
 #include "pdu/Dump.h"
+#include "pdu/HexDump.h"
 #include "pdu/Views.h"
 
 namespace {

@@ -20,9 +20,9 @@
 #include <string>
 #include <vector>
 
-#include "app/Logger.h"
+#include "core/Logger.h"
 #include "pdu/PDU.h"
-#include "tunnel/Encapsulation.h"
+#include "tunnel/Send.h"
 #include "vif/IP"
 
 namespace {

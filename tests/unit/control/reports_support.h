@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "app/Logger.h"
+#include "core/Logger.h"
 #include "support/addresses.h"
 #include "tunnel/Learning.h"
 #include "tunnel/Tables.h"

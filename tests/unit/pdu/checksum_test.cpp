@@ -1,7 +1,9 @@
 // IPv4 header checksum: computed only into a zero field.
+#include "pdu/Checksum.h"
+
 #include <gtest/gtest.h>
 
-#include "TestFrames.h"
+#include "frames_support.h"
 #include "pdu/IPv4.h"
 
 namespace lumora::pdu {

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "TestFrames.h"
+#include "frames_support.h"
 #include "pdu/ClampMSS.h"
 
 namespace lumora::pdu {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "TestFrames.h"
+#include "frames_support.h"
 #include "pdu/Dump.h"
 
 namespace lumora::pdu {

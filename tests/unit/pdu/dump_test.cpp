@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "TestFrames.h"
+#include "frames_support.h"
 
 namespace lumora::pdu {
 namespace {

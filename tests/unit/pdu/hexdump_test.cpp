@@ -1,10 +1,12 @@
 // Hex dump layout: 16 bytes a line, a gap before the ninth column, blank
 // columns past the end, printable characters last.
+#include "pdu/HexDump.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "TestFrames.h"
+#include "frames_support.h"
 #include "pdu/Dump.h"
 
 namespace lumora::pdu {

@@ -8,7 +8,8 @@
 #include <cstdlib>
 #include <new>
 
-#include "TestFrames.h"
+#include "frames_support.h"
+#include "pdu/Checksum.h"
 #include "pdu/ClampMSS.h"
 #include "pdu/Views.h"
 

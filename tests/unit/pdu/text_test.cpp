@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "TestFrames.h"
+#include "frames_support.h"
 #include "pdu/Ethernet.h"
 
 namespace lumora::pdu {

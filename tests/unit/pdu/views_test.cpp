@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "TestFrames.h"
+#include "frames_support.h"
 
 namespace lumora::pdu {
 namespace {

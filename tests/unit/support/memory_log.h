@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "app/Logger.h"
+#include "core/Logger.h"
 
 namespace lumora::test {
 

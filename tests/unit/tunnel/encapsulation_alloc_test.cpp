@@ -1,12 +1,12 @@
 // Sending is on every frame's path: whole or cut into pieces, it must not
 // touch the heap. The counting operator new is the one of this binary
-// (learning_alloc_counter.h); the recording socket reserves its storage
+// (alloc_counter_support.h); the recording socket reserves its storage
 // before the window opens.
 #include <gtest/gtest.h>
 
+#include "alloc_counter_support.h"
 #include "encapsulation_support.h"
-#include "learning_alloc_counter.h"
-#include "tunnel/Encapsulation.h"
+#include "tunnel/Send.h"
 
 namespace lumora {
 namespace {

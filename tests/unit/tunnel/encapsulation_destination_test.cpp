@@ -6,7 +6,7 @@
 
 #include "encapsulation_support.h"
 #include "tunnel/ClientRecord.h"
-#include "tunnel/Encapsulation.h"
+#include "tunnel/Send.h"
 
 namespace lumora {
 namespace {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "encapsulation_support.h"
-#include "tunnel/Encapsulation.h"
+#include "tunnel/Send.h"
 
 namespace lumora {
 namespace {

@@ -13,9 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "pdu/Encapsulation.h"
+#include "pdu/Fragment.h"
 #include "pdu/PDU.h"
-#include "recording_endpoints.h"
-#include "tunnel/Encapsulation.h"
+#include "recording_support.h"
+#include "tunnel/Send.h"
 
 namespace lumora::test::encap {
 
@@ -24,6 +26,11 @@ using test::MemoryLog;
 using test::RecordingGreSocket;
 using test::v4;
 using test::v6;
+// Packet editing lives in pdu/; these tests check it with the send.
+using pdu::encapsulate;
+using pdu::FragmentState;
+using pdu::nextFragment;
+using pdu::sizeLimit;
 
 // The names these tests spell frames with.
 inline constexpr auto& hex = hexBytes;

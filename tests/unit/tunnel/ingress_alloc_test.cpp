@@ -6,8 +6,8 @@
 
 #include <cstring>
 
+#include "alloc_counter_support.h"
 #include "ingress_support.h"
-#include "learning_alloc_counter.h"
 
 namespace lumora {
 namespace {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "recording_endpoints.h"
+#include "recording_support.h"
 #include "tunnel/Context.h"
 #include "tunnel/Ingress.h"
 

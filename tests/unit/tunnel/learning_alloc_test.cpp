@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "learning_alloc_counter.h"
+#include "alloc_counter_support.h"
 #include "learning_support.h"
 #include "tunnel/Learning.h"
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "vif/IP"
-#include "vif_harness.h"
+#include "vif_support.h"
 
 namespace vxbrd_test {
 namespace {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "vif/IP"
-#include "vif_harness.h"
+#include "vif_support.h"
 
 namespace vxbrd_test {
 namespace {
@@ -105,8 +105,7 @@ TEST_F(GreHoldTest, HeldSendsGoOutTogetherInOrderWhenFlushed) {
     EXPECT_EQ(IP::heldSends(), 0u);
     EXPECT_EQ(batches, std::vector<unsigned>{3});
     // Handed over from where they lie: nothing was copied aside.
-    EXPECT_EQ(batched_data, (std::vector<const uint8_t*>{frames[0].pdu.data(),
-                                                         frames[1].pdu.data(),
+    EXPECT_EQ(batched_data, (std::vector<const uint8_t*>{frames[0].pdu.data(), frames[1].pdu.data(),
                                                          frames[2].pdu.data()}));
     for (const Frame& frame : frames) EXPECT_EQ(receive(peer.get()), frame.payload());
     EXPECT_EQ(capture.lines(), Lines{});

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "vif/IP"
-#include "vif_harness.h"
+#include "vif_support.h"
 
 namespace vxbrd_test {
 namespace {
@@ -20,7 +20,7 @@ using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
 class GreSendTest : public VifNetTest {
-protected:
+  protected:
     GreSendTest() { needs_link = true; }
     std::unique_ptr<IP> open(const char* address) {
         ScopedNetns in(hub);

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "vif/TAP"
-#include "vif_harness.h"
+#include "vif_support.h"
 
 namespace vxbrd_test {
 namespace {
@@ -64,7 +64,7 @@ class TapHoldTest : public VifNetTest {
         capture.clear();
         return tap;
     }
-    lumora::vif::Descriptor receiver() { return packetReceiver("vxtap0", kTestEtherType); }
+    lumora::Descriptor receiver() { return packetReceiver("vxtap0", kTestEtherType); }
     // The next frame written into the tap (frames the host sends are skipped),
     // or nothing when none comes (without waiting when `wait` is false).
     static Bytes next(int fd, bool wait = true) {
@@ -92,7 +92,8 @@ class TapHoldTest : public VifNetTest {
     // which is what a hold names.
     struct Batch {
         explicit Batch(const std::vector<Bytes>& frames) {
-            for (const Bytes& frame : frames) storage.insert(storage.end(), frame.begin(), frame.end());
+            for (const Bytes& frame : frames)
+                storage.insert(storage.end(), frame.begin(), frame.end());
             size_t at = 0;
             for (const Bytes& frame : frames) {
                 views.push_back(lumora::pdu::PDU{storage.data() + at,
@@ -122,8 +123,9 @@ TEST_F(TapHoldTest, HeldFramesReachTheInterfaceTogetherInOrder) {
     TAP::flushHeldWrites();
     EXPECT_EQ(batches, std::vector<unsigned>{3});
     // Written from where they lie in the batch: nothing was copied aside.
-    EXPECT_EQ(batched_data, (std::vector<const uint8_t*>{
-                                batch.views[0].data(), batch.views[1].data(), batch.views[2].data()}));
+    EXPECT_EQ(batched_data,
+              (std::vector<const uint8_t*>{batch.views[0].data(), batch.views[1].data(),
+                                           batch.views[2].data()}));
     for (const Bytes& frame : frames) EXPECT_EQ(next(sock.get()), frame);
     EXPECT_EQ(capture.lines(), Lines{});
 }

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "vif/IP"
-#include "vif_harness.h"
+#include "vif_support.h"
 
 namespace vxbrd_test {
 namespace {
@@ -71,7 +71,7 @@ int errorOf(F f) {
 }
 
 class TapTest : public VifNetTest {
-protected:
+  protected:
     std::unique_ptr<TAP> open(const char* interface) {
         ScopedNetns in(hub);
         return std::make_unique<TAP>(capture.logger(), interface);
@@ -100,7 +100,7 @@ protected:
         }
         return p;
     }
-    lumora::vif::Descriptor sender;
+    lumora::Descriptor sender;
 };
 
 TEST_F(TapTest, OpensUnderTheKernelNameWithItsMacAndMtu) {

@@ -1,7 +1,0 @@
-#include "app/Runtime.h"
-
-namespace lumora {
-
-Runtime runtime;
-
-}  // namespace lumora

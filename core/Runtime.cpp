@@ -1,0 +1,7 @@
+#include "core/Runtime.h"
+
+namespace lumora {
+
+Runtime runtime;
+
+}  // namespace lumora
