@@ -73,6 +73,11 @@ unit_tests() {  # unit_tests BUILD-DIR [env...]
     env "$@" ctest --test-dir "$dir" --output-on-failure --no-tests=error -j"$jobs"
 }
 
+step "formatting (.clang-format)"
+# Every C++ file of the repository, the endpoint headers without a suffix too.
+git ls-files -z '*.cpp' '*.h' vif/IP vif/TAP vif/VIF |
+    xargs -0 clang-format --style=file --dry-run --Werror
+
 step "build (release with debug info)"
 configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON
 cmake --build build -j"$jobs"
