@@ -2,6 +2,7 @@
 # Installs what vxbrd needs on Debian, skipping what is already there.
 #
 #   scripts/install-deps.sh demo    building the daemon and vxbrdctl, and the demo
+#   scripts/install-deps.sh quick   the build, unit and end-to-end tests (test.sh --quick)
 #   scripts/install-deps.sh test    everything the test command runs (the default)
 #
 # Python packages come from Debian (python3-pytest, python3-scapy) and are
@@ -30,8 +31,8 @@ test_packages=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-d
 
 case "$profile" in
     demo) packages=("${demo_packages[@]}") ;;
-    test) packages=("${demo_packages[@]}" "${test_packages[@]}") ;;
-    *) echo "usage: scripts/install-deps.sh [demo|test]" >&2; exit 2 ;;
+    quick | test) packages=("${demo_packages[@]}" "${test_packages[@]}") ;;
+    *) echo "usage: scripts/install-deps.sh [demo|quick|test]" >&2; exit 2 ;;
 esac
 
 missing=()
@@ -52,5 +53,9 @@ venv=${VXBRD_VENV:-$root/.venv}
 if ! "$venv/bin/python3" -c 'import ziglang' 2>/dev/null; then
     echo "creating $venv with ziglang (FreeBSD cross tool chain)"
     /usr/bin/python3 -m venv "$venv"
-    "$venv/bin/python3" -m pip install -q --disable-pip-version-check ziglang
+    # The system's certificate store, not pip's own copy: a machine whose
+    # egress runs through a proxy of its own trusts that proxy there.
+    cert=()
+    [ -f /etc/ssl/certs/ca-certificates.crt ] && cert=(--cert /etc/ssl/certs/ca-certificates.crt)
+    "$venv/bin/python3" -m pip install -q --disable-pip-version-check "${cert[@]}" ziglang
 fi

@@ -58,7 +58,7 @@ summary() {
 trap summary EXIT
 
 step "dependencies"
-"$root/scripts/install-deps.sh" test
+if [ "$quick" -eq 1 ]; then "$root/scripts/install-deps.sh" quick; else "$root/scripts/install-deps.sh" test; fi
 
 configure() {  # configure DIR [cmake args...]
     local dir=$1
