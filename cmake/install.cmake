@@ -5,7 +5,7 @@
 include(GNUInstallDirs)
 
 install(TARGETS vxbrd vxbrdctl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(FILES app/vxbrd.8 control/vxbrdctl/vxbrdctl.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES app/vxbrd.8 vxbrdctl/vxbrdctl.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES app/vxobrd.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
 # Never the live file: an upgrade must not overwrite the operator's configuration.
 install(FILES app/vxobrd.conf.sample DESTINATION ${CMAKE_INSTALL_SYSCONFDIR})

@@ -46,7 +46,7 @@ echo "--- mandoc -T lint"
 # Manuals of FreeBSD or of packages a build host need not have; a reference
 # to anything else, our own pages included, must resolve.
 elsewhere='(rc\.conf 5|newsyslog 8|syslogd 8|tap 4|pf 4|ipfw 8|syslog 3|fork 2|jq 1|cron 8)'
-for page in app/vxbrd.8 app/vxobrd.conf.5 control/vxbrdctl/vxbrdctl.8; do
+for page in app/vxbrd.8 app/vxobrd.conf.5 vxbrdctl/vxbrdctl.8; do
     messages=$(mandoc -T lint -W style -M "$stage/share/man:/usr/share/man" "$page" 2>&1 |
         grep -v -e 'outdated mandoc.db' \
             -Ee "STYLE: referenced manual not found: Xr $elsewhere( \([0-9]+ times\))?\$" || true)
