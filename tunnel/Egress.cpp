@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "pdu/Checksum.h"
 #include "pdu/ClampMSS.h"
@@ -65,17 +66,18 @@ bool serverDestination(TunnelContext& context, uint16_t vlan, Destination& desti
     return true;
 }
 
-void sendToServer(TunnelContext& context, Endpoint& tap, const Destination& destination,
-                  PDU frame) {
+void sendToServer(TunnelContext& context, Endpoint& tap, const Destination& destination, PDU frame,
+                  SendQueue& sends) {
     if (destination.endpoint == nullptr) {
         VXBRD_LOG(*context.logger, Warning, "%s: no GRE endpoint of the server's address family",
                   tap.name());
         return;
     }
-    send(*context.logger, destination, frame, nullptr, context.config->mtu);
+    send(*context.logger, destination, frame, nullptr, context.config->mtu, sends, true);
 }
 
-void flood(TunnelContext& context, PDU read, uint16_t vlan, uint8_t* buffer) {
+void flood(TunnelContext& context, PDU read, uint16_t vlan, EgressBatch& batch) {
+    uint8_t* const buffer = batch.flood_buffer;
     for (const PeerRecord& peer : context.tables->floodPeers(vlan)) {
         for (const VlanKey& pair : peer.vlanKeys) {
             if (read._cap > kFloodBufferSize) {
@@ -91,8 +93,9 @@ void flood(TunnelContext& context, PDU read, uint16_t vlan, uint8_t* buffer) {
                 buffer, static_cast<uint16_t>(kFloodBufferSize), read._begin, read._end, {0, 0}};
             if (copy.length() < kEthernetHeader) throw kInvalid;
             if (peer.endpoint == nullptr) continue;
+            // The next copy overwrites this one: it goes at once.
             send(*context.logger, destinationOf(peer, pair.vlan), copy,
-                 pair.key != 0 ? &pair.key : nullptr, context.config->mtu);
+                 pair.key != 0 ? &pair.key : nullptr, context.config->mtu, batch.sends, false);
         }
     }
 }
@@ -109,7 +112,7 @@ void clampOutgoingMss(TunnelContext& context, PDU frame) {
 }  // namespace
 
 void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan, PDU read,
-                    uint8_t* flood_buffer) {
+                    EgressBatch& batch) {
     Logger& log = *context.logger;
     if (read.length() < kEthernetHeader) throw kInvalid;
     PDU frame = read;
@@ -139,9 +142,9 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
     Destination destination;
     if ((frame.data()[0] & 0x01) != 0) {
         if (serverDestination(context, vlan, destination)) {
-            sendToServer(context, tap, destination, frame);
+            sendToServer(context, tap, destination, frame, batch.sends);
         } else {
-            flood(context, read, vlan, flood_buffer);
+            flood(context, read, vlan, batch);
         }
         return;
     }
@@ -167,19 +170,26 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
 
     clampOutgoingMss(context, frame);
     if (destination.endpoint == nullptr) {
-        sendToServer(context, tap, destination, frame);
+        sendToServer(context, tap, destination, frame, batch.sends);
         return;
     }
-    send(log, destination, frame, key, context.config->mtu);
+    // The frame stays in its read slot until the batch is flushed.
+    send(log, destination, frame, key, context.config->mtu, batch.sends, true);
 }
 
 void runTapEgress(Logger* logger, vif::TAP* tap, uint16_t vlan) {
     VXBRD_LOG(*logger, Debug, "TAP thread running on %s", tap->name());
     TunnelContext& context = tunnelContext();
-    uint8_t flood_buffer[kFloodBufferSize];
+    auto batch = std::make_unique<EgressBatch>();
+    PDU frames[vif::TAP::kMaxBatch];
     // Frames come from the host's own stack and are trusted to be well
     // formed: anything thrown here ends the process.
-    for (;;) handleTapFrame(context, *tap, vlan, tap->read(), flood_buffer);
+    for (;;) {
+        const unsigned count = tap->readBatch(frames);
+        for (unsigned i = 0; i < count; ++i) handleTapFrame(context, *tap, vlan, frames[i], *batch);
+        // The datagrams go out before the read slots are read into again.
+        batch->sends.flush();
+    }
 }
 
 }  // namespace lumora

@@ -7,6 +7,7 @@
 
 #include "pdu/PDU.h"
 #include "tunnel/Context.h"
+#include "tunnel/SendQueue.h"
 #include "vif/VIF"
 
 namespace lumora {
@@ -15,18 +16,29 @@ namespace vif {
 class TAP;
 }
 
-// The flood's copy buffer, one per tap thread.
+// The flood's copy buffer size.
 inline constexpr size_t kFloodBufferSize = 8096;
+
+// What a tap loop owns for its whole life: the flood's copy buffer (reused
+// for every copy, each of which goes at once) and the batch's GRE sends,
+// which wait for the loop's flush.
+struct EgressBatch {
+    uint8_t flood_buffer[kFloodBufferSize];
+    SendQueue sends;
+};
 
 // Runs one frame read from tap (device_vlan: the VLAN the device serves, 0
 // when it carries tagged frames of several VLANs) through every egress
-// decision and sends it. frame is what tap's read() returned; flood_buffer
-// holds kFloodBufferSize bytes. Throws int for frames the host should never
-// have produced (the tap thread lets that end the process).
+// decision and sends it, or queues its datagram in batch. frame is what
+// tap's readBatch() returned and stays in its read slot until batch is
+// flushed. Throws int for frames the host should never have produced (the
+// tap thread lets that end the process).
 void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan, pdu::PDU frame,
-                    uint8_t* flood_buffer);
+                    EgressBatch& batch);
 
-// The tap thread's body: reads the device for ever.
+// The tap thread's body: reads batches from the device for ever, runs each
+// frame through handleTapFrame in order and flushes the batch's sends before
+// reading again.
 void runTapEgress(Logger* logger, vif::TAP* tap, uint16_t vlan);
 
 }  // namespace lumora

@@ -3,15 +3,14 @@
 #include <cstring>
 
 #include "pdu/ClampMSS.h"
-#include "pdu/Views.h"
+#include "pdu/Tag.h"
 #include "pdu/Text.h"
-#include "tunnel/Send.h"
+#include "pdu/Views.h"
 #include "tunnel/KeyPolicy.h"
 #include "tunnel/Learning.h"
 #include "tunnel/Relay.h"
-#include "pdu/Tag.h"
+#include "tunnel/Send.h"
 #include "vif/IP"
-#include "vif/TAP"
 
 namespace lumora {
 
@@ -46,45 +45,44 @@ void clampIncomingMss(TunnelContext& context, const GreSource& source, PDU frame
     pdu::TcpPDU tcp;
     bool malformed = false;
     if (isTcpSynWithoutAck(frame, tcp, malformed)) {
-        if (pdu::clampMSS(tcp, context.config->mss)) VXBRD_LOG(*context.logger, Debug, "clamping MSS");
+        if (pdu::clampMSS(tcp, context.config->mss))
+            VXBRD_LOG(*context.logger, Debug, "clamping MSS");
     } else if (malformed) {
         const void* address = source.family == AF_INET6 ? static_cast<const void*>(&source.ipv6)
                                                         : static_cast<const void*>(&source.ipv4);
-        VXBRD_LOG(*context.logger, Warning, "Invalid TCP packet from peer %s vlan %d from client %s",
-                            pdu::addressToText(static_cast<int>(source.family), address),
-                            policy_vlan, pdu::macToText(frame.data() + 6));
+        VXBRD_LOG(*context.logger, Warning,
+                  "Invalid TCP packet from peer %s vlan %d from client %s",
+                  pdu::addressToText(static_cast<int>(source.family), address), policy_vlan,
+                  pdu::macToText(frame.data() + 6));
     }
 }
 
 // IPv6 multicast frames reach the host only when addressed to the tap's own
-// MAC; the 33:33 destination is swapped for it while the frame is written.
-bool writeIPv6Multicast(TunnelContext& context, Endpoint& tap, PDU frame) {
+// MAC; the 33:33 destination is swapped for it while the frame is written,
+// and put back once the batch's writes are done.
+bool writeIPv6Multicast(TunnelContext& context, Endpoint& tap, PDU frame, TapWrites& writes) {
     uint8_t* destination = frame.data();
     if (destination[0] != 0x33 || destination[1] != 0x33 ||
         pdu::load16(frame.data() + 12) != pdu::kEthertypeIPv6)
         return false;
     MacAddress tap_mac{};
-    if (const auto found = context.interfaces->find(tap.name());
-        found != context.interfaces->end())
+    if (const auto found = context.interfaces->find(tap.name()); found != context.interfaces->end())
         tap_mac = found->second;
     uint8_t saved[6];
     std::memcpy(saved, destination, sizeof saved);
     char old_text[18];
     std::memcpy(old_text, pdu::macToText(saved), sizeof old_text);
     VXBRD_LOG(*context.logger, Info, "IPv6oEthernet Multicast Packet. Rewriting DMAC from %s to %s",
-                        old_text, pdu::macToText(tap_mac.data()));
+              old_text, pdu::macToText(tap_mac.data()));
     std::memcpy(destination, tap_mac.data(), tap_mac.size());
-    tap.write(frame);
-    // A write held for the receive batch would go out after the restore.
-    vif::TAP::flushHeldWrites();
-    std::memcpy(destination, saved, sizeof saved);
+    writes.queueRewritten(&tap, frame, saved);
     return true;
 }
 
 }  // namespace
 
 void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU datagram,
-                       IngressScratch& scratch) {
+                       IngressBatch& batch) {
     Logger& log = *context.logger;
     const Config& settings = *context.config;
     const char* endpoint_name = source.endpoint->name();
@@ -96,7 +94,7 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
     const uint32_t key = has_key ? gre.wordAt4() : 0;
     if (gre.protocol() != pdu::kProtocolTransparentEthernet) {
         VXBRD_LOG(log, Warning, "%s: ignoring unsupported PDU type, protocol 0x%04X", endpoint_name,
-                gre.protocol());
+                  gre.protocol());
         return;
     }
     PDU frame = pdu::EthernetPDU::at(gre, gre.innerBegin());
@@ -106,8 +104,8 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
         gre.setRecursionControl(0);
         if (source.family != AF_INET) return;
         VXBRD_LOG(log, Info, "Response VYM-VYM packet from %s on %s",
-                pdu::addressToText(AF_INET, &source.ipv4), endpoint_name);
-        relayToAccessPoint(context, source, frame, scratch);
+                  pdu::addressToText(AF_INET, &source.ipv4), endpoint_name);
+        relayToAccessPoint(context, source, frame, batch);
         return;
     }
 
@@ -115,7 +113,7 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
     const bool upstream = settings.forward_vlans.test(tag_vlan);
     if (upstream) {
         // The upstream gateway gets the packet as received, tag included.
-        std::memcpy(scratch.copy.get(), datagram.data(), datagram.length());
+        std::memcpy(batch.copy.get(), datagram.data(), datagram.length());
     }
     if (pdu::load16(frame.data() + 12) == pdu::kEthertypeVlan) pdu::removeTag(frame);
 
@@ -124,7 +122,7 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
     if (upstream) {
         upstream_address = settings.forward_servers.at(tag_vlan).address;
         VXBRD_LOG(log, Info, "Forwarding VLAN %d to remote VYM %s", tag_vlan,
-                pdu::addressToText(AF_INET, &upstream_address));
+                  pdu::addressToText(AF_INET, &upstream_address));
         forward_socket = context.forward_socket.load(std::memory_order_acquire);
         if (forward_socket == nullptr) {
             VXBRD_LOG(log, Error, "ip4_socket_forward_to_vym is nullptr");
@@ -153,10 +151,14 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
     learn(*context.tables, context.logger, sighting);
 
     if (upstream) {
-        PDU copy{scratch.copy.get(), static_cast<uint16_t>(datagram.length()), 0,
-                 datagram.length(), {0, 0}};
+        PDU copy{batch.copy.get(),
+                 static_cast<uint16_t>(datagram.length()),
+                 0,
+                 datagram.length(),
+                 {0, 0}};
         copy._buf[0] |= pdu::kGreToUpstream;
-        forward_socket->sendTo(copy, AF_INET, upstream_address, in6addr_any);
+        // The copy buffer serves the next datagram too: this one goes at once.
+        batch.sends.sendNow(forward_socket, vif::Datagram{copy, AF_INET, upstream_address, {}});
         return;
     }
 
@@ -166,35 +168,42 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
         return;
     }
     clampIncomingMss(context, source, frame, policy_vlan);
-    if (writeIPv6Multicast(context, *tap, frame)) return;
-    tap->write(frame);
+    if (writeIPv6Multicast(context, *tap, frame, batch.writes)) return;
+    batch.writes.queue(tap, frame);
 }
 
 void runGreIngress(Logger* logger, vif::IP* endpoint) {
     VXBRD_LOG(*logger, Debug, "IPv4 thread running on %s", endpoint->name());
     TunnelContext& context = tunnelContext();
-    IngressScratch scratch;
+    IngressBatch batch;
+    vif::IP::Received received[vif::IP::kMaxBatch];
     for (;;) {
-        PDU datagram;
+        unsigned count = 0;
         try {
-            datagram = endpoint->read();
+            count = endpoint->receiveBatch(received);
         } catch (const ReadTimeout&) {
             continue;
         } catch (const ReadError&) {
             continue;
         } catch (int) {
-            // A datagram the endpoint rejected (it has logged why, if anything):
-            // traffic from the network never ends this thread.
+            // The receive itself failed (the endpoint has logged why): traffic
+            // from the network never ends this thread.
             continue;
         }
-        const GreSource source{endpoint, endpoint->senderFamily(), endpoint->senderIPv4(),
-                               endpoint->senderIPv6()};
-        try {
-            handleGreDatagram(context, source, datagram, scratch);
-        } catch (int) {
-            // Malformed or unsendable: this datagram ends here, the next is read.
-        } catch (const char*) {
+        for (unsigned i = 0; i < count; ++i) {
+            const vif::IP::Received& r = received[i];
+            // A datagram too short for its own outer header is dropped unseen.
+            if (!r.valid) continue;
+            const GreSource source{endpoint, r.family, r.ipv4, r.ipv6};
+            try {
+                handleGreDatagram(context, source, r.datagram, batch);
+            } catch (int) {
+                // Malformed or unsendable: this datagram ends here, the next is handled.
+            } catch (const char*) {
+            }
         }
+        // The writes and sends go out before the slots are received into again.
+        batch.flush();
     }
 }
 

@@ -9,6 +9,8 @@
 
 #include "pdu/PDU.h"
 #include "tunnel/Context.h"
+#include "tunnel/SendQueue.h"
+#include "tunnel/TapWrites.h"
 #include "vif/VIF"
 
 namespace lumora {
@@ -25,23 +27,35 @@ struct GreSource {
     in6_addr ipv6{};
 };
 
-// Buffers an ingress thread owns for its whole life, so that no datagram
-// allocates: the copy kept for upstream forwarding and the per-peer copies
-// of a relayed broadcast.
-struct IngressScratch {
-    static constexpr size_t kSize = 65536 + 64;
-    std::unique_ptr<uint8_t[]> copy{new uint8_t[kSize]};
+// What an ingress loop owns for its whole life, so that no datagram
+// allocates: the copy buffer for upstream forwarding and for the per-peer
+// copies of a relayed broadcast (each sent at once), and the batch's tap
+// writes and GRE sends, which wait for the loop's flush.
+struct IngressBatch {
+    static constexpr size_t kCopySize = 65536 + 64;
+    std::unique_ptr<uint8_t[]> copy{new uint8_t[kCopySize]};
+    TapWrites writes;
+    SendQueue sends;
+
+    // Hands over what the batch's datagrams made: GRE sends, then tap writes.
+    void flush() {
+        sends.flush();
+        writes.flush();
+    }
 };
 
 // Runs one received GRE datagram (datagram starts at its GRE header, in the
-// endpoint's buffer, which it may change) through every ingress decision:
-// header checks, relay replies, tag strip, upstream forwarding, the GRE key
-// mode, learning, MSS clamping and the write to the VLAN's tap.
-// Malformed datagrams throw int (22 or 55); the caller drops them.
+// endpoint's receive slot, which it may change and which must stay put until
+// batch is flushed) through every ingress decision: header checks, relay
+// replies, tag strip, upstream forwarding, the GRE key mode, learning, MSS
+// clamping and the write to the VLAN's tap, queued in batch. Malformed
+// datagrams throw int (22 or 55); the caller drops them.
 void handleGreDatagram(TunnelContext& context, const GreSource& source, pdu::PDU datagram,
-                       IngressScratch& scratch);
+                       IngressBatch& batch);
 
-// The GRE ingress thread's body: reads the endpoint for ever. Nothing a
+// The GRE ingress thread's body: receives batches from the endpoint for
+// ever, runs each datagram through handleGreDatagram in arrival order and
+// flushes the batch's writes and sends before receiving again. Nothing a
 // datagram holds ends it.
 void runGreIngress(Logger* logger, vif::IP* endpoint);
 

@@ -29,7 +29,7 @@ uint16_t stripTag(PDU& frame) {
     return vlan;
 }
 
-void relayUnicast(TunnelContext& context, PDU frame, uint16_t vlan) {
+void relayUnicast(TunnelContext& context, PDU frame, uint16_t vlan, SendQueue& sends) {
     Logger& log = *context.logger;
     const uint8_t* destination = frame.data();
     ClientRecord* client = context.tables->findClient(destination, vlan);
@@ -46,12 +46,13 @@ void relayUnicast(TunnelContext& context, PDU frame, uint16_t vlan) {
     }
     VXBRD_LOG(log, Info, "Forwarding VYM-VYM to remote AP %s via %s", route.address.text(),
               route.endpoint->interfaceName().c_str());
+    // The frame stays in its receive slot until the batch is flushed.
     send(log, destinationOf(route), frame, route.hasKey ? &route.greKey : nullptr,
-         context.config->mtu);
+         context.config->mtu, sends, true);
 }
 
 void relayBroadcast(TunnelContext& context, const GreSource& source, PDU frame, uint16_t vlan,
-                    IngressScratch& scratch) {
+                    IngressBatch& batch) {
     Logger& log = *context.logger;
     for (const PeerRecord& peer : context.tables->floodPeers(vlan)) {
         if (isSource(peer, source) || peer.endpoint == nullptr) continue;
@@ -63,21 +64,23 @@ void relayBroadcast(TunnelContext& context, const GreSource& source, PDU frame, 
         const auto room =
             static_cast<uint16_t>(std::min<uint32_t>(kHeadroom, UINT16_MAX - frame.length()));
         const auto end = static_cast<uint16_t>(room + frame.length());
-        std::memcpy(scratch.copy.get() + room, frame.data(), frame.length());
-        PDU copy{scratch.copy.get(), end, room, end, {0, 0}};
-        send(log, destinationOf(peer, vlan), copy, nullptr, context.config->mtu);
+        std::memcpy(batch.copy.get() + room, frame.data(), frame.length());
+        PDU copy{batch.copy.get(), end, room, end, {0, 0}};
+        // The next peer's copy overwrites this one: it goes at once.
+        send(log, destinationOf(peer, vlan), copy, nullptr, context.config->mtu, batch.sends,
+             false);
     }
 }
 
 }  // namespace
 
 void relayToAccessPoint(TunnelContext& context, const GreSource& source, PDU frame,
-                        IngressScratch& scratch) {
+                        IngressBatch& batch) {
     const uint16_t vlan = stripTag(frame);
     if ((frame.data()[0] & 0x01) == 0) {
-        relayUnicast(context, frame, vlan);
+        relayUnicast(context, frame, vlan, batch.sends);
     } else {
-        relayBroadcast(context, source, frame, vlan, scratch);
+        relayBroadcast(context, source, frame, vlan, batch);
     }
 }
 

@@ -13,6 +13,6 @@ namespace lumora {
 // of its VLAN except the one it came from. Throws int for frames that cannot
 // be built; logs and drops frames with no known destination.
 void relayToAccessPoint(TunnelContext& context, const GreSource& source, pdu::PDU frame,
-                        IngressScratch& scratch);
+                        IngressBatch& batch);
 
 }  // namespace lumora

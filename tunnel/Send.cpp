@@ -27,8 +27,14 @@ const char* upstreamText(const Destination& d) {
     return pdu::addressToText(AF_INET, &d.ipv4);
 }
 
-void transmit(const Destination& d, PDU datagram) {
-    d.endpoint->sendTo(datagram, d.family, d.ipv4, d.ipv6);
+// Queued when its bytes stay put until the loop flushes, else sent at once.
+void transmit(const Destination& d, PDU datagram, SendQueue& out, bool stays) {
+    const vif::Datagram made{datagram, d.family, d.ipv4, d.ipv6};
+    if (stays) {
+        out.queue(d.endpoint, made);
+    } else {
+        out.sendNow(d.endpoint, made);
+    }
 }
 
 }  // namespace
@@ -56,7 +62,7 @@ Destination destinationOf(const ClientRoute& route) {
 }
 
 void send(Logger& log, const Destination& destination, PDU frame, const uint32_t* key,
-          uint16_t mtu_setting) {
+          uint16_t mtu_setting, SendQueue& out, bool frame_stays) {
     const long limit = pdu::sizeLimit(destination.endpoint->mtu(), key != nullptr, mtu_setting);
 
     if (frame.length() <= limit || destination.upstream == 1) {
@@ -65,7 +71,7 @@ void send(Logger& log, const Destination& destination, PDU frame, const uint32_t
             VXBRD_LOG(log, Info, "Sending to upstream VYM %s", upstreamText(destination));
             pdu::GrePDU::at(datagram, datagram._begin).setRecursionControl(pdu::kGreRelayReply);
         }
-        transmit(destination, datagram);
+        transmit(destination, datagram, out, frame_stays);
         return;
     }
 
@@ -90,10 +96,14 @@ void send(Logger& log, const Destination& destination, PDU frame, const uint32_t
         piece._flags[0] = piece._flags[1] = 0;
         std::memcpy(piece.data(), macs, kMacPairLength);
         pdu::store16(piece.data() + 12, pdu::kEthertypeIPv4);
-        transmit(destination, pdu::encapsulate(piece, destination.vlan, key));
         // The stop rule strides by the whole limit while fragments advance by
         // the limit less a header: kept as the access points have always seen it.
-        if (stride * (state.index + 1) >= packet.length()) break;
+        const bool last = stride * (state.index + 1) >= packet.length();
+        // The next fragment is built over this one's bytes: only the last
+        // one may wait in the queue.
+        transmit(destination, pdu::encapsulate(piece, destination.vlan, key), out,
+                 last && frame_stays);
+        if (last) break;
         ++state.index;
     }
 }

@@ -14,6 +14,7 @@
 
 #include "core/Logger.h"
 #include "pdu/PDU.h"
+#include "tunnel/SendQueue.h"
 #include "vif/VIF"
 
 namespace lumora {
@@ -40,9 +41,12 @@ Destination destinationOf(const ClientRoute& route);
 
 // Encapsulates frame and sends it to destination through its endpoint,
 // fragmenting inner IPv4 beyond the size limit. mtu_setting is the configured
-// "mtu" (0: not set). Throws 22 or 55 for frames that cannot be built; the
-// fragments sent before such a throw stay sent.
+// "mtu" (0: not set). frame_stays says the frame's bytes stay untouched until
+// out is flushed (a frame in its read slot): then its last datagram waits in
+// out for the batch; otherwise (a copy the caller reuses) every datagram goes
+// at once. Throws 22 or 55 for frames that cannot be built; the fragments
+// sent before such a throw stay sent.
 void send(Logger& log, const Destination& destination, pdu::PDU frame, const uint32_t* key,
-          uint16_t mtu_setting);
+          uint16_t mtu_setting, SendQueue& out, bool frame_stays);
 
 }  // namespace lumora

@@ -3,13 +3,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 
-#include "core/Descriptor.h"
-#include "vif/IP"
 #include "vif/tap_platform.h"
 
 namespace lumora::vif {
@@ -20,9 +18,6 @@ constexpr long kMinMtu = 72;
 constexpr long kMaxMtu = 1500;
 // The read is bounded by the space behind the headroom.
 constexpr uint16_t kReadSize = TAP::kBufferSize - TAP::kHeadroom;
-// A waiting read that returns sooner than this found its frame already
-// queued (a read that sleeps takes longer than a wake-up): a burst is on.
-constexpr auto kBurstGap = std::chrono::microseconds(5);
 
 }  // namespace
 
@@ -30,25 +25,18 @@ ssize_t (*TAP::write_call)(int, const void*, size_t) = ::write;
 
 TAP::TAP(Logger* logger, const char* interface)
     : logger(logger),
-      // One read slot per datagram that may be held, one alone where none is.
-      buffer(std::make_unique_for_overwrite<uint8_t[]>(kBufferSize * IP::maxHeldSends())),
-      slots(IP::maxHeldSends()),
+      buffer(std::make_unique_for_overwrite<uint8_t[]>(size_t{kBufferSize} * kMaxBatch)),
+      batch_limit(kMaxBatch),
+      ring(WriteRing::open()),
       interface_argument(interface) {
     // Until the kernel names the interface, errors carry the device path.
     std::snprintf(name_text, sizeof name_text, "/dev/%s", interface);
     platform::OpenedTap opened =
         platform::openTap(logger, interface_argument, name_text, link_address);
     mtu_value = opened.mtu;
-    fd = opened.fd.release();
+    fd = std::move(opened.fd);
     VXBRD_LOG(*logger, Notice, "%s mtu: %ld", name_text, mtu_value);
     VXBRD_LOG(*logger, Notice, "%s ready", name_text);
-}
-
-TAP::~TAP() {
-    // Whatever this thread still holds goes out; it holds nothing from now on.
-    IP::stopHoldingSends();
-    stopHoldingWrites();
-    if (fd >= 0) ::close(fd);
 }
 
 const char* TAP::name() const { return name_text; }
@@ -60,7 +48,7 @@ void TAP::setMtu(long mtu) {
         VXBRD_LOG(*logger, Error, "%s invalid MTU requested: %d", name_text, static_cast<int>(mtu));
         throw pdu::kInvalid;
     }
-    platform::setTapMtu(logger, fd, name_text, mtu);
+    platform::setTapMtu(logger, fd.get(), name_text, mtu);
     mtu_value = mtu;
 }
 
@@ -70,69 +58,82 @@ std::array<uint8_t, 6> TAP::mac() const {
     return out;
 }
 
-pdu::PDU TAP::read() {
-    // A held datagram may lie in any slot used since the ring last came round.
-    if (next_slot == slots) {
-        next_slot = 0;
-        if (IP::heldSends() != 0) IP::flushHeldSends();
-    }
-    uint8_t* const slot = buffer.get() + static_cast<size_t>(next_slot++) * kBufferSize;
-    uint8_t* frame = slot + kHeadroom;
-    ssize_t got = -1;
-    bool queued = false;
-    if (IP::heldSends() != 0) {
-        // During a burst: take the next frame if one is queued, else hand the
-        // held sends over before waiting.
-        got = platform::readIfQueued(fd, frame, kReadSize);
-        if (got >= 0) {
-            queued = true;
+unsigned TAP::readBatch(std::span<pdu::PDU> frames) {
+    const unsigned limit = std::min<unsigned>(batch_limit, static_cast<unsigned>(frames.size()));
+    unsigned count = 0;
+    for (; count < limit; ++count) {
+        uint8_t* const slot = buffer.get() + size_t{count} * kBufferSize;
+        uint8_t* const frame = slot + kHeadroom;
+        ssize_t got;
+        if (count == 0) {
+            got = ::read(fd.get(), frame, kReadSize);
+            if (got < 0) failCall(logger, name_text, "read()");
         } else {
-            const int error = errno;
-            IP::flushHeldSends();
-            if (error == EOPNOTSUPP) nowait_reads = false;
-            if (error != EAGAIN && error != EWOULDBLOCK && error != EOPNOTSUPP && error != EINTR) {
-                errno = error;
-                failCall(logger, name_text, "read()");
+            if (!nowait_reads) break;
+            got = platform::readIfQueued(fd.get(), frame, kReadSize);
+            if (got < 0) {
+                // Nothing more queued (or the device cannot say): the batch
+                // ends here; a real failure is met by the next blocking read.
+                if (errno == EOPNOTSUPP) nowait_reads = false;
+                break;
             }
         }
+        // Cannot trigger with a bounded read; kept as a guard on the 16-bit offsets.
+        const auto n = static_cast<uint16_t>(got);
+        if (n > kReadSize) throw pdu::kInvalid;
+        frames[count] =
+            pdu::PDU{slot, kBufferSize, kHeadroom, static_cast<uint16_t>(kHeadroom + n), {0, 0}};
     }
-    if (!queued) {
-        const auto start = std::chrono::steady_clock::now();
-        got = ::read(fd, frame, kReadSize);
-        if (got < 0) failCall(logger, name_text, "read()");
-        queued = std::chrono::steady_clock::now() - start < kBurstGap;
-    }
-    // Two frames in a row that were already waiting make a burst; one alone
-    // is too often chance, and probing for a next frame that is not there
-    // costs more than holding saves.
-    const bool hold = queued && previous_queued && nowait_reads;
-    previous_queued = queued;
-    // Cannot trigger with a bounded read; kept as a guard on the 16-bit offsets.
-    const auto n = static_cast<uint16_t>(got);
-    if (n > kReadSize) throw pdu::kInvalid;
-    if (hold) {
-        IP::holdSends(slot, frame + n);
-    } else {
-        IP::stopHoldingSends();
-    }
-    pdu::PDU p;
-    p._buf = slot;
-    p._cap = kBufferSize;
-    p._begin = kHeadroom;
-    p._end = static_cast<uint16_t>(kHeadroom + n);
-    return p;
+    return count;
 }
 
-// One write, no retry: a frame the device does not take whole is dropped.
-pdu::IReadWriter& TAP::write(pdu::PDU p) {
-    if (holdWrite(p)) return *this;
-    const int length = p.length();
-    const ssize_t sent = write_call(fd, p.data(), static_cast<size_t>(length));
+pdu::PDU TAP::read() {
+    pdu::PDU frame;
+    readBatch(std::span(&frame, 1));
+    return frame;
+}
+
+void TAP::warnShortWrite(int length, ssize_t sent) {
     if (sent != length) {
         VXBRD_LOG(*logger, Warning, "%s short write: %d (req) > %d (sent)", name_text, length,
                   static_cast<int>(sent));
     }
+}
+
+// One write, no retry: a frame the device does not take whole is dropped.
+pdu::IReadWriter& TAP::write(pdu::PDU p) {
+    const int length = p.length();
+    warnShortWrite(length, write_call(fd.get(), p.data(), static_cast<size_t>(length)));
     return *this;
+}
+
+void TAP::writeBatch(std::span<const pdu::PDU> frames) {
+    if (ring == nullptr || frames.size() < 2) {
+        for (const pdu::PDU& frame : frames) write(frame);
+        return;
+    }
+    for (size_t next = 0; next < frames.size(); next += WriteRing::kEntries) {
+        const size_t count = std::min<size_t>(WriteRing::kEntries, frames.size() - next);
+        WriteRing::Write writes[WriteRing::kEntries];
+        ssize_t results[WriteRing::kEntries];
+        for (size_t i = 0; i < count; ++i) {
+            const pdu::PDU& frame = frames[next + i];
+            writes[i] = WriteRing::Write{fd.get(), frame.data(), frame.length()};
+        }
+        bool submitted;
+        {
+            const std::lock_guard hold(ring_mutex);
+            submitted = ring->writeAll(std::span(writes, count), results);
+        }
+        for (size_t i = 0; i < count; ++i) {
+            const pdu::PDU& frame = frames[next + i];
+            if (!submitted) {
+                write(frame);
+            } else {
+                warnShortWrite(frame.length(), results[i]);
+            }
+        }
+    }
 }
 
 }  // namespace lumora::vif

@@ -44,7 +44,7 @@ socklen_t makeIPv6Address(sockaddr_in6& out, const in6_addr& address, uint32_t s
 // one datagram per receive, into a slot as large as the whole buffer.
 unsigned receiveBatchLimit() { return 1; }
 
-int receiveDatagrams(int fd, IP::Datagram* batch, unsigned count, bool wait) {
+int receiveDatagrams(int fd, IP::Slot* batch, unsigned count, bool wait) {
     if (count == 0) return 0;
     socklen_t size = sizeof batch[0].source;
     const ssize_t got = ::recvfrom(fd, batch[0].data, batch[0].capacity, wait ? 0 : MSG_DONTWAIT,
@@ -54,8 +54,8 @@ int receiveDatagrams(int fd, IP::Datagram* batch, unsigned count, bool wait) {
     return 1;
 }
 
-// sendmmsg is a library loop here too: sends are never held, and this
-// stands only for completeness (one sendto per datagram).
+// sendmmsg is a library loop here: a batch is sent one datagram at a time
+// by IP::sendBatch, and this stands only for completeness (one sendto each).
 unsigned sendBatchLimit() { return 1; }
 
 int sendDatagrams(int fd, const IP::Outgoing* list, unsigned count) {

@@ -44,7 +44,7 @@ socklen_t makeIPv6Address(sockaddr_in6& out, const in6_addr& address, uint32_t s
 // recvmmsg takes every queued datagram (up to count) in one system call.
 unsigned receiveBatchLimit() { return IP::kMaxBatch; }
 
-int receiveDatagrams(int fd, IP::Datagram* batch, unsigned count, bool wait) {
+int receiveDatagrams(int fd, IP::Slot* batch, unsigned count, bool wait) {
     mmsghdr messages[IP::kMaxBatch];
     iovec slots[IP::kMaxBatch];
     if (count > std::size(messages)) count = std::size(messages);

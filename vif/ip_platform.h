@@ -29,10 +29,10 @@ socklen_t makeIPv6Address(sockaddr_in6& out, const in6_addr& address, uint32_t s
 unsigned receiveBatchLimit();
 
 // The default receive behind IP::read (see IP::ReceiveCalls).
-int receiveDatagrams(int fd, IP::Datagram* batch, unsigned count, bool wait);
+int receiveDatagrams(int fd, IP::Slot* batch, unsigned count, bool wait);
 
 // How many datagrams one batched send should take; 1 where there is no
-// batched send in the kernel (held sends are then never used).
+// batched send in the kernel (IP::sendBatch then sends one at a time).
 unsigned sendBatchLimit();
 
 // The default batched send (see IP::SendCalls::send_batch).

@@ -9,8 +9,10 @@
 #include <net/if.h>
 #include <net/if_tap.h>
 #include <net/if_types.h>
+#include <sys/filio.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -34,8 +36,7 @@ void setName(ifreq& request, const char* interface) {
 
 OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address) {
     OpenedTap opened;
-    opened.fd = Descriptor(::open(name, O_RDWR | O_CLOEXEC));
-    if (!opened.fd.valid()) failCall(logger, name, "open()");
+    opened.fd = Descriptor::open(logger, name, name, O_RDWR);
     const int fd = opened.fd.get();
 
     ifreq request;
@@ -61,8 +62,7 @@ OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* li
         throw pdu::kInvalid;
     }
 
-    Descriptor sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!sock.valid()) failCall(logger, name, "socket()");
+    const Descriptor sock = Descriptor::socket(logger, name, "socket()", AF_INET, SOCK_DGRAM, 0);
     setName(request, interface);
     if (::ioctl(sock.get(), SIOCGIFFLAGS, &request) < 0) failCall(logger, name, "SIOCGIFFLAGS");
     request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
@@ -72,15 +72,16 @@ OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* li
     return opened;
 }
 
-// No batched tap writes on FreeBSD: every frame is its own write.
-unsigned writeBatchLimit() { return 1; }
-
-bool writeFrames(const TAP::Outgoing*, unsigned, ssize_t*) { return false; }
-
-// Sends are never held on FreeBSD, so this is never asked; it says so.
-ssize_t readIfQueued(int, void*, size_t) {
-    errno = EOPNOTSUPP;
-    return -1;
+// tap(4) answers FIONREAD with the size of the first queued frame, so a
+// frame is read only when one is there.
+ssize_t readIfQueued(int fd, void* data, size_t size) {
+    int queued = 0;
+    if (::ioctl(fd, FIONREAD, &queued) < 0) return -1;
+    if (queued <= 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return ::read(fd, data, size);
 }
 
 void setTapMtu(Logger* logger, int fd, const char* name, long mtu) {

@@ -38,9 +38,7 @@ void setName(ifreq& request, const char* interface) {
 }
 
 Descriptor controlSocket(Logger* logger, const char* name) {
-    Descriptor sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!sock.valid()) failCall(logger, name, "socket()");
-    return sock;
+    return Descriptor::socket(logger, name, "socket()", AF_INET, SOCK_DGRAM, 0);
 }
 
 }  // namespace
@@ -48,8 +46,7 @@ Descriptor controlSocket(Logger* logger, const char* name) {
 OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address) {
     if (if_nametoindex(interface) == 0) failCall(logger, name, "open()");
     OpenedTap opened;
-    opened.fd = Descriptor(::open("/dev/net/tun", O_RDWR | O_CLOEXEC));
-    if (!opened.fd.valid()) failCall(logger, name, "open()");
+    opened.fd = Descriptor::open(logger, name, "/dev/net/tun", O_RDWR);
 
     ifreq request;
     setName(request, interface);

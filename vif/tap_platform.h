@@ -1,7 +1,7 @@
-// The OS-specific half of the tap endpoint: opening the device and pushing an
-// MTU into the kernel. One implementation per OS (tap_freebsd.cpp,
-// tap_linux.cpp). Every failure is logged at Error with the current name
-// first and thrown as int errno (22 for a device that is not Ethernet).
+// The OS-specific half of the tap endpoint: opening the device, reading a
+// frame only when one is queued, and pushing an MTU into the kernel. One implementation per OS
+// (tap_freebsd.cpp, tap_linux.cpp). Every failure is logged at Error with the current name first
+// and thrown as int errno (22 for a device that is not Ethernet).
 #pragma once
 
 #include <sys/types.h>
@@ -30,13 +30,6 @@ OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* li
 // Reads one frame only if one is already queued: -1 with errno EAGAIN when
 // none is, or EOPNOTSUPP where the device cannot be read without waiting.
 ssize_t readIfQueued(int fd, void* data, size_t size);
-
-// Most frames one batched write should take; 1 where writes cannot be
-// batched (held writes are then never used).
-unsigned writeBatchLimit();
-
-// The default batched write (see TAP::write_batch_call).
-bool writeFrames(const TAP::Outgoing* frames, unsigned count, ssize_t* results);
 
 // Sets the interface MTU in the kernel (value already validated).
 void setTapMtu(Logger* logger, int fd, const char* name, long mtu);

@@ -23,6 +23,7 @@ directory of $VXBRD_BINARY, or $VXBRD_FRAGMENT_PROBE).
 import os
 import shutil
 import subprocess
+import sys
 import time
 from pathlib import Path
 
@@ -85,7 +86,7 @@ for address in sys.argv[1:]:
 
 
 def _wait_for_echo(namespace, *addresses):
-    result = _run("ip", "netns", "exec", namespace, "python3", "-c", _ECHO, *addresses,
+    result = _run("ip", "netns", "exec", namespace, sys.executable, "-c", _ECHO, *addresses,
                   timeout=60, check=False)
     if result.returncode != 0:
         pytest.fail(f"underlay not ready in {namespace}: {result.stderr.strip()}")
@@ -218,7 +219,7 @@ def capture(link, expected_frames, sends):
     captures GRE; returns the pcap path. Exactly expected_frames must arrive."""
     pcap = link["dir"] / "gre.pcap"
     sniffer = subprocess.Popen(
-        ["ip", "netns", "exec", link["sink"], "python3", "-c", _SNIFF, link["veth_k"],
+        ["ip", "netns", "exec", link["sink"], sys.executable, "-c", _SNIFF, link["veth_k"],
          str(expected_frames), "20", str(pcap)],
         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     try:

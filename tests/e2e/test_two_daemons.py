@@ -25,6 +25,7 @@ import hashlib
 import random
 import struct
 import subprocess
+import sys
 import time
 
 from tunnel_lab import TapPort, control_request
@@ -188,10 +189,10 @@ def test_tcp_transfer_of_10_mb_arrives_intact(lab, vxbrd_binary, write_config):
     hub_tap.drain()
     ap_tap.drain()
 
-    receiver = hub.popen(["python3", "-c", RECEIVER], stdout=subprocess.PIPE)
+    receiver = hub.popen([sys.executable, "-c", RECEIVER], stdout=subprocess.PIPE)
     assert receiver.stdout.readline() == b"listening\n"
     started = time.monotonic()
-    sender = ap.popen(["python3", "-c", SENDER], stdin=subprocess.PIPE)
+    sender = ap.popen([sys.executable, "-c", SENDER], stdin=subprocess.PIPE)
     sender.stdin.write(data)
     sender.stdin.close()
     assert sender.wait(timeout=60) == 0

@@ -140,7 +140,7 @@ struct Harness {
     test::RecordingGreSocket receiver_v6;
     test::RecordingGreSocket forward;
     std::vector<std::unique_ptr<test::RecordingTap>> taps;
-    IngressScratch scratch;
+    IngressBatch batch;
     int inputs = 0;
 };
 
@@ -206,9 +206,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     p._end = static_cast<uint16_t>(total);
 
     try {
-        handleGreDatagram(h.context, source, p, h.scratch);
+        handleGreDatagram(h.context, source, p, h.batch);
     } catch (int error) {
         if (error != 22 && error != 55) std::abort();
     }
+    // As the loop does after every batch.
+    h.batch.flush();
     return 0;
 }

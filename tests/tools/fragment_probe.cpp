@@ -91,8 +91,10 @@ int main(int argc, char** argv) {
         pdu._cap = kBufferSize;
         pdu._begin = kHeadroom;
         pdu._end = static_cast<uint16_t>(kHeadroom + frame.size());
+        lumora::SendQueue sends;
         lumora::send(logger, destination, pdu, keyed ? &key : nullptr,
-                     static_cast<uint16_t>(mtu_setting));
+                     static_cast<uint16_t>(mtu_setting), sends, true);
+        sends.flush();
     } catch (int error) {
         std::fprintf(stderr, "fragment_probe: error %d (%s)\n", error, std::strerror(error));
         return 2;

@@ -32,6 +32,15 @@ using pdu::FragmentState;
 using pdu::nextFragment;
 using pdu::sizeLimit;
 
+// send() as a loop calls it for a frame in its read slot, then the loop's
+// flush: every datagram reaches the socket before this returns.
+inline void send(Logger& log, const Destination& destination, pdu::PDU frame, const uint32_t* key,
+                 uint16_t mtu_setting) {
+    SendQueue sends;
+    lumora::send(log, destination, frame, key, mtu_setting, sends, true);
+    sends.flush();
+}
+
 // The names these tests spell frames with.
 inline constexpr auto& hex = hexBytes;
 inline constexpr auto& concat = join;

@@ -23,7 +23,8 @@ constexpr int kRounds = 1000;
 // counting this thread's allocations over those rounds.
 size_t allocationsOfKnown(IngressRig& rig, const Bytes& datagram, const GreSource& source) {
     test::Received buffer(datagram);
-    handleGreDatagram(rig.context, source, buffer.pdu, rig.scratch);
+    handleGreDatagram(rig.context, source, buffer.pdu, rig.batch);
+    rig.batch.flush();
     const size_t offset = buffer.pdu._begin;
 
     AllocationCounter::start();
@@ -32,7 +33,8 @@ size_t allocationsOfKnown(IngressRig& rig, const Bytes& datagram, const GreSourc
         for (auto& tap : rig.taps) tap->clear();
         rig.forward.clear();
         rig.receiver.clear();
-        handleGreDatagram(rig.context, source, buffer.pdu, rig.scratch);
+        handleGreDatagram(rig.context, source, buffer.pdu, rig.batch);
+        rig.batch.flush();
     }
     return AllocationCounter::stop();
 }

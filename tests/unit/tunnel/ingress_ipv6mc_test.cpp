@@ -15,7 +15,7 @@ using test::Bytes;
 using test::ethernet;
 using test::hexText;
 using test::IngressRig;
-using test::TapWrites;
+using test::WrittenFrames;
 
 // An ICMPv6 router solicitation's first bytes behind the ethertype.
 constexpr const char* kIPv6 = "86 dd 60 00 00 00 00 08 3a ff fe 80 00 00";
@@ -41,7 +41,7 @@ TEST_F(IngressIPv6Multicast, TheTapGetsItsOwnMacAndTheBufferIsRestored) {
     rig.run(datagram);
 
     EXPECT_EQ(rig.tapWrites(),
-              (TapWrites{{"tap0", {hexText(ethernet(kTapMac, test::kClientMac, kIPv6))}}}));
+              (WrittenFrames{{"tap0", {hexText(ethernet(kTapMac, test::kClientMac, kIPv6))}}}));
     EXPECT_EQ(hexText(rig.last().now()), hexText(datagram));
     std::vector<std::string> expected = test::learnedLines(0, "");
     expected.push_back(
@@ -56,10 +56,10 @@ TEST_F(IngressIPv6Multicast, EachTapUsesItsOwnMac) {
     const Bytes tagged = test::taggedFrame(20, kIPv6, solicited);
     rig.run(test::join({test::plainGre(), tagged}));
 
-    EXPECT_EQ(
-        rig.tapWrites(),
-        (TapWrites{{"tap0", {hexText(ethernet(kTapMac, test::kClientMac, kIPv6))}},
-                   {"tap20", {hexText(ethernet("02 00 5e 20 20 20", test::kClientMac, kIPv6))}}}));
+    EXPECT_EQ(rig.tapWrites(),
+              (WrittenFrames{
+                  {"tap0", {hexText(ethernet(kTapMac, test::kClientMac, kIPv6))}},
+                  {"tap20", {hexText(ethernet("02 00 5e 20 20 20", test::kClientMac, kIPv6))}}}));
     // The tag is gone from the buffer, the destination is back.
     const Bytes stale(tagged.end() - 4, tagged.end());
     EXPECT_EQ(
@@ -76,7 +76,7 @@ TEST_F(IngressIPv6Multicast, EveryPacketIsRewrittenAgain) {
     rig.run(datagram);
     rig.run(datagram);
     const std::string written = hexText(ethernet(kTapMac, test::kClientMac, kIPv6));
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap0", {written, written}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap0", {written, written}}}));
 }
 
 TEST_F(IngressIPv6Multicast, OnlyIPv6FramesTo3333AreRewritten) {
@@ -95,7 +95,7 @@ TEST_F(IngressIPv6Multicast, OnlyIPv6FramesTo3333AreRewritten) {
         rig.run(test::join({test::plainGre(), frame}));
         expected.push_back(hexText(frame));
     }
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap0", expected}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap0", expected}}));
     for (const std::string& line : rig.log.lines())
         EXPECT_EQ(line.find("IPv6oEthernet"), std::string::npos) << line;
 }

@@ -14,7 +14,7 @@ namespace {
 
 using test::Bytes;
 using test::IngressRig;
-using test::TapWrites;
+using test::WrittenFrames;
 
 constexpr int kDropped = -1;
 
@@ -51,7 +51,7 @@ TEST_P(IngressKeyMode, ChoosesThePolicyVlanOrRefuses) {
     if (c.policy_vlan == kDropped) {
         EXPECT_EQ(rig.log.lines(),
                   std::vector<std::string>{std::string(test::kReceiverName) + ": " + c.drop});
-        EXPECT_EQ(rig.tapWrites(), TapWrites{});
+        EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
         EXPECT_EQ(rig.tables.peerCount(), 0u);
         EXPECT_EQ(rig.tables.clientCount(), 0u);
         return;
@@ -61,7 +61,7 @@ TEST_P(IngressKeyMode, ChoosesThePolicyVlanOrRefuses) {
     const int tag_vlan = c.tag & 0x0fff;
     EXPECT_EQ(
         rig.tapWrites(),
-        (TapWrites{{"tap" + std::to_string(policy), {test::hexText(test::untaggedFrame())}}}));
+        (WrittenFrames{{"tap" + std::to_string(policy), {test::hexText(test::untaggedFrame())}}}));
     std::string tail;
     if (c.has_key) tail += ", grekey: " + std::to_string(c.key);
     if (tag_vlan != 0) tail += ", vlan: " + std::to_string(tag_vlan);
@@ -140,7 +140,7 @@ TEST(IngressKeyWord, WithChecksumAndKeyTheKeyIsTheWordAtOffset4) {
     rig.addTap(99);
     rig.run(test::join(
         {test::greHeader(0xa0, "65 58", "00 00 00 1e  00 00 00 63"), test::untaggedFrame()}));
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap30", {test::hexText(test::untaggedFrame())}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap30", {test::hexText(test::untaggedFrame())}}}));
     const Bytes mac = test::hexBytes(test::kClientMac);
     ClientRecord* client = rig.tables.findClient(mac.data(), 30);
     ASSERT_NE(client, nullptr);
@@ -158,7 +158,7 @@ TEST(IngressKeyWord, RequireReadsTheKeyAtOffset4WithTheChecksumBitSet) {
     EXPECT_EQ(rig.log.lines(),
               std::vector<std::string>{
                   "eth0 (ip://192.0.2.1): ignoring PDU with invalid GRE key 5. Expecting 99"});
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
 }
 
 // Sequence and checksum words are skipped: the frame starts behind them all.
@@ -168,7 +168,7 @@ TEST(IngressKeyWord, EveryOptionalWordIsSkippedBeforeTheFrame) {
     rig.addTap(30);
     rig.run(test::join({test::greHeader(0xb0, "65 58", "00 00 00 1e  ff ff ff ff  00 00 00 01"),
                         test::untaggedFrame()}));
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap30", {test::hexText(test::untaggedFrame())}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap30", {test::hexText(test::untaggedFrame())}}}));
     EXPECT_EQ(rig.log.lines(), test::learnedLines(30, ", grekey: 30, mapped to vlan: 30"));
 }
 
@@ -182,7 +182,7 @@ TEST(IngressKeyWord, RequireComparesTheLow32BitsOfTheConfiguredKey) {
     rig.config.gre_key = 0x100000005ull;
     rig.addTap(0);
     rig.run(test::join({test::greHeader(0x20, "65 58", "00 00 00 05"), test::untaggedFrame()}));
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap0", {test::hexText(test::untaggedFrame())}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap0", {test::hexText(test::untaggedFrame())}}}));
 
     IngressRig refusing;
     refusing.config.gre_key_mode = Require;

@@ -15,7 +15,7 @@ namespace {
 using test::Bytes;
 using test::hexText;
 using test::IngressRig;
-using test::TapWrites;
+using test::WrittenFrames;
 
 class IngressMalformed : public testing::Test {
   protected:
@@ -30,7 +30,7 @@ class IngressMalformed : public testing::Test {
         SCOPED_TRACE(hexText(datagram));
         EXPECT_EQ(rig.thrown(datagram), 22);
         EXPECT_EQ(rig.log.lines(), lines);
-        EXPECT_EQ(rig.tapWrites(), TapWrites{});
+        EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
         EXPECT_EQ(rig.forward.count(), 0u);
         EXPECT_EQ(rig.receiver.count(), 0u);
         EXPECT_EQ(rig.tables.peerCount(), 0u);
@@ -92,8 +92,8 @@ TEST_F(IngressMalformed, The14And22ByteFramesGoThrough) {
         test::join({test::greHeader(0xb0, "65 58", "00 00 00 00 00 00 00 00 00 00 00 00"), bare}));
     rig.run(test::join({test::plainGre(), test::taggedFrame(20, "08 06 00 01 02 03")}));
     EXPECT_EQ(rig.tapWrites(),
-              (TapWrites{{"tap0", {hexText(bare)}},
-                         {"tap20", {hexText(test::untaggedFrame("08 06 00 01 02 03"))}}}));
+              (WrittenFrames{{"tap0", {hexText(bare)}},
+                             {"tap20", {hexText(test::untaggedFrame("08 06 00 01 02 03"))}}}));
 }
 
 // An IPv6 sender's relay reply is dropped before its frame is looked into.
@@ -116,7 +116,7 @@ TEST(IngressProtocol, OtherProtocolsAreDroppedWithAWarning) {
                                        std::string("eth0 (ip://192.0.2.1): ignoring unsupported "
                                                    "PDU type, protocol ") +
                                        text});
-        EXPECT_EQ(rig.tapWrites(), TapWrites{});
+        EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
         EXPECT_EQ(rig.tables.peerCount(), 0u);
     }
 }

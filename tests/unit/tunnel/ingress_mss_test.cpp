@@ -15,7 +15,7 @@ namespace {
 using test::Bytes;
 using test::hexText;
 using test::IngressRig;
-using test::TapWrites;
+using test::WrittenFrames;
 
 // 192.0.2.10 -> 198.51.100.20, TCP, no options; checksum field left 0.
 constexpr const char* kIPv4 = "45 00 00 2c 00 01 40 00 40 06 00 00 c0 00 02 0a c6 33 64 14";
@@ -77,7 +77,7 @@ TEST_F(IngressMss, OtherSegmentsAreNotClamped) {
         fresh.addTap(0);
         const Bytes frame = ipv4Frame(kIPv4, tcp(flags));
         fresh.run(test::join({test::plainGre(), frame}));
-        EXPECT_EQ(fresh.tapWrites(), (TapWrites{{"tap0", {hexText(frame)}}})) << flags;
+        EXPECT_EQ(fresh.tapWrites(), (WrittenFrames{{"tap0", {hexText(frame)}}})) << flags;
     }
 }
 
@@ -110,7 +110,7 @@ TEST_F(IngressMss, ATaggedSynIsClampedOnceTheTagIsOff) {
     const std::string rest = "08 00 " + std::string(kIPv4) + " " + tcp("02");
     rig.run(test::join({test::plainGre(), test::taggedFrame(20, rest.c_str())}));
     EXPECT_EQ(rig.tapWrites(),
-              (TapWrites{{"tap20", {hexText(ipv4Frame(kIPv4, tcp("02", "05 64", "12 84")))}}}));
+              (WrittenFrames{{"tap20", {hexText(ipv4Frame(kIPv4, tcp("02", "05 64", "12 84")))}}}));
 }
 
 TEST_F(IngressMss, UdpAndOtherEthertypesAreLeftAlone) {

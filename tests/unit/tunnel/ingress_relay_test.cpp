@@ -20,7 +20,7 @@ using test::ethernet;
 using test::hexText;
 using test::IngressRig;
 using test::RecordingGreSocket;
-using test::TapWrites;
+using test::WrittenFrames;
 
 constexpr const char* kGateway = "203.0.113.1";
 constexpr const char* kResponse =
@@ -73,7 +73,7 @@ TEST_F(IngressRelay, AUnicastFrameGoesToItsClientsAccessPoint) {
     EXPECT_EQ(rig.log.taken(),
               (std::vector<std::string>{kResponse,
                                         "Forwarding VYM-VYM to remote AP 198.51.100.7 via eth1"}));
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     EXPECT_EQ(rig.receiver.count(), 0u);
     EXPECT_EQ(rig.forward.count(), 0u);
 }
@@ -127,7 +127,7 @@ TEST_F(IngressRelay, AnUnknownClientIsLoggedAndDropped) {
               (std::vector<std::string>{
                   kResponse, "cant find client for VYM-VYM to 02:00:5e:00:00:bb, vid 0"}));
     EXPECT_EQ(ap_socket.count(), 0u);
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     EXPECT_EQ(rig.tables.clientCount(), 1u);
 }
 
@@ -154,7 +154,7 @@ TEST_F(IngressRelay, AnIPv6GatewayIsNotRelayedFor) {
     EXPECT_EQ(rig.log.taken(), std::vector<std::string>{});
     EXPECT_EQ(rig.last().now().at(0), 0x20);
     EXPECT_EQ(ap_socket.count(), 0u);
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     EXPECT_EQ(rig.tables.peerCount(), 1u);
 }
 
@@ -213,7 +213,7 @@ TEST_F(IngressRelayBroadcast, GoesToEveryAccessPointOfTheVlanButTheSender) {
               (std::vector<std::string>{
                   "Forwarding VYM-VYM broadcast to remote AP 198.51.100.7 via eth1",
                   "Forwarding VYM-VYM broadcast to remote AP 2001:db8::7 via eth2"}));
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
 }
 
 TEST_F(IngressRelayBroadcast, AMulticastFrameIsAGroupFrameToo) {

@@ -118,10 +118,17 @@ class IngressRig {
     }
 
     // Runs one datagram (from the access point unless told otherwise) through
-    // the ingress path and keeps its buffer for inspection in last().
+    // the ingress path as a batch of one, flushed as the loop flushes every
+    // batch, thrown or not, and keeps its buffer for inspection in last().
     void run(const Bytes& datagram, const GreSource& source) {
         received.emplace_back(datagram);
-        handleGreDatagram(context, source, received.back().pdu, scratch);
+        try {
+            handleGreDatagram(context, source, received.back().pdu, batch);
+        } catch (...) {
+            batch.flush();
+            throw;
+        }
+        batch.flush();
     }
     void run(const Bytes& datagram) { run(datagram, fromV4()); }
     const Received& last() const { return received.back(); }
@@ -157,12 +164,12 @@ class IngressRig {
     TunnelContext context;
     RecordingGreSocket receiver;
     RecordingGreSocket forward;
-    IngressScratch scratch;
+    IngressBatch batch;
     std::vector<std::unique_ptr<RecordingTap>> taps;
     std::deque<Received> received;
 };
 
-using TapWrites = std::map<std::string, std::vector<std::string>>;
+using WrittenFrames = std::map<std::string, std::vector<std::string>>;
 
 // The two lines learning logs for the rig's client seen first from the
 // access point; tail is what the device line adds (", grekey: 30, ...").

@@ -14,7 +14,7 @@ namespace {
 using test::Bytes;
 using test::hexText;
 using test::IngressRig;
-using test::TapWrites;
+using test::WrittenFrames;
 
 TEST(IngressTag, TheTagComesOffInTheEndpointsBuffer) {
     IngressRig rig;
@@ -23,7 +23,7 @@ TEST(IngressTag, TheTagComesOffInTheEndpointsBuffer) {
     const Bytes tagged = test::taggedFrame(0xa014);
     rig.run(test::join({test::plainGre(), tagged}));
 
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap20", {hexText(test::untaggedFrame())}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap20", {hexText(test::untaggedFrame())}}}));
     // Moved down by four bytes; the last four bytes of the buffer are what the
     // move left behind.
     const Bytes stale(tagged.end() - 4, tagged.end());
@@ -37,7 +37,7 @@ TEST(IngressTag, AnUntaggedFrameIsWrittenAsItCame) {
     rig.addTap(0);
     const Bytes datagram = test::join({test::plainGre(), test::untaggedFrame()});
     rig.run(datagram);
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap0", {hexText(test::untaggedFrame())}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap0", {hexText(test::untaggedFrame())}}}));
     EXPECT_EQ(hexText(rig.last().now()), hexText(datagram));
     EXPECT_EQ(rig.log.lines(), test::learnedLines(0, ""));
 }
@@ -46,7 +46,7 @@ TEST(IngressTag, APriorityTagComesOffAndMeansVlan0) {
     IngressRig rig;
     rig.addTap(0);
     rig.run(test::join({test::plainGre(), test::taggedFrame(0xe000)}));
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap0", {hexText(test::untaggedFrame())}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap0", {hexText(test::untaggedFrame())}}}));
     EXPECT_EQ(rig.log.lines(), test::learnedLines(0, ""));
     const Bytes mac = test::hexBytes(test::kClientMac);
     ASSERT_NE(rig.tables.findClient(mac.data(), 0), nullptr);
@@ -58,8 +58,9 @@ TEST(IngressTag, OnlyTheOuterOf2TagsComesOff) {
     rig.addTap(20);
     rig.addTap(30);
     rig.run(test::join({test::plainGre(), test::taggedFrame(20, "81 00 00 1e  08 06 00 01")}));
-    EXPECT_EQ(rig.tapWrites(),
-              (TapWrites{{"tap20", {hexText(test::untaggedFrame("81 00 00 1e  08 06 00 01"))}}}));
+    EXPECT_EQ(
+        rig.tapWrites(),
+        (WrittenFrames{{"tap20", {hexText(test::untaggedFrame("81 00 00 1e  08 06 00 01"))}}}));
 }
 
 TEST(IngressTag, AServiceTagIsNotA8021QTag) {
@@ -68,7 +69,7 @@ TEST(IngressTag, AServiceTagIsNotA8021QTag) {
     rig.addTap(20);
     const Bytes frame = test::untaggedFrame("88 a8 00 14  08 06 00 01");
     rig.run(test::join({test::plainGre(), frame}));
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap0", {hexText(frame)}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap0", {hexText(frame)}}}));
 }
 
 TEST(IngressTag, TheShortestTaggedFrameHoldsFourBytesBehindTheTag) {
@@ -77,7 +78,7 @@ TEST(IngressTag, TheShortestTaggedFrameHoldsFourBytesBehindTheTag) {
     // 22 bytes: MACs, tag, the inner ethertype and 4 bytes behind it.
     rig.run(test::join({test::plainGre(), test::taggedFrame(20, "08 06 00 01 02 03")}));
     EXPECT_EQ(rig.tapWrites(),
-              (TapWrites{{"tap20", {hexText(test::untaggedFrame("08 06 00 01 02 03"))}}}));
+              (WrittenFrames{{"tap20", {hexText(test::untaggedFrame("08 06 00 01 02 03"))}}}));
     const Bytes mac = test::hexBytes(test::kClientMac);
     EXPECT_EQ(rig.tables.findClient(mac.data(), 20)->readTraffic().bytesIn, 18u);
 }
@@ -88,7 +89,7 @@ TEST(IngressTag, AVlanWithoutTapIsLearnedThenDropped) {
     rig.addTap(20);
     rig.run(test::join({test::keyedGre(7), test::taggedFrame(40)}));
 
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     std::vector<std::string> expected = test::learnedLines(40, ", grekey: 7, vlan: 40");
     expected.push_back("unexpected traffic on vlan 40");
     EXPECT_EQ(rig.log.lines(), expected);
@@ -100,7 +101,7 @@ TEST(IngressTag, AnUntaggedFrameWithoutVlan0TapIsDropped) {
     IngressRig rig;
     rig.addTap(20);
     rig.run(test::join({test::plainGre(), test::untaggedFrame()}));
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     EXPECT_EQ(rig.log.lines().back(), "unexpected traffic on vlan 0");
 }
 
@@ -113,7 +114,7 @@ TEST(IngressTag, APolicyVlanFromTheKeyAbove4095HasNoTap) {
     rig.addTap(904);
     rig.run(test::join({test::keyedGre(5000), test::untaggedFrame()}));
 
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     std::vector<std::string> expected =
         test::learnedLines(5000, ", grekey: 5000, mapped to vlan: 5000");
     expected.push_back("unexpected traffic on vlan 5000");
@@ -130,7 +131,7 @@ TEST(IngressTag, AKeyOfAllOnesIsPolicyVlan65535) {
     rig.config.gre_key_mode = PreferKey;
     rig.addTap(20);
     rig.run(test::join({test::keyedGre(0xffffffff), test::taggedFrame(20)}));
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     EXPECT_EQ(rig.log.lines().back(), "unexpected traffic on vlan 65535");
     EXPECT_EQ(rig.log.lines().at(1),
               "[cache] new device: 02:00:5e:00:00:0a, peer: 198.51.100.7, grekey: 4294967295, "
@@ -147,7 +148,7 @@ TEST(IngressTag, OneMacOnTwoVlansIsTwoClients) {
     rig.run(test::join({test::plainGre(), test::taggedFrame(30)}));
     rig.run(test::join({test::plainGre(), test::taggedFrame(20)}));
     const std::string frame = hexText(test::untaggedFrame());
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap20", {frame, frame}}, {"tap30", {frame}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap20", {frame, frame}}, {"tap30", {frame}}}));
     EXPECT_EQ(rig.tables.clientCount(), 2u);
     EXPECT_EQ(rig.tables.peerCount(), 2u);
     const Bytes mac = test::hexBytes(test::kClientMac);

@@ -15,7 +15,7 @@ namespace {
 using test::Bytes;
 using test::hexText;
 using test::IngressRig;
-using test::TapWrites;
+using test::WrittenFrames;
 
 constexpr const char* kGateway = "203.0.113.1";
 constexpr const char* kForwarding = "Forwarding VLAN 40 to remote VYM 203.0.113.1";
@@ -49,7 +49,7 @@ TEST_F(IngressUpstream, TheDatagramAsReceivedGoesUpWithRecursion7) {
     rig.run(test::join({test::keyedGre(7), frame}));
 
     EXPECT_EQ(hexText(forwarded()), hexText(test::join({test::keyedGre(7, 0x07), frame})));
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     EXPECT_EQ(rig.receiver.count(), 0u);
     EXPECT_EQ(rig.log.lines(),
               (std::vector<std::string>{
@@ -90,7 +90,7 @@ TEST_F(IngressUpstream, WithoutAForwardSocketNothingIsLearnedOrSent) {
     EXPECT_EQ(rig.log.lines(),
               (std::vector<std::string>{kForwarding, "ip4_socket_forward_to_vym is nullptr"}));
     EXPECT_EQ(rig.forward.count(), 0u);
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     EXPECT_EQ(rig.tables.peerCount(), 0u);
     EXPECT_EQ(rig.tables.clientCount(), 0u);
 }
@@ -118,7 +118,7 @@ TEST_F(IngressUpstream, TheTagVlanChoosesForwardingTheKeyTheLearnedVlan) {
     const Bytes frame = test::taggedFrame(40);
     rig.run(test::join({test::keyedGre(30), frame}));
     EXPECT_EQ(hexText(forwarded()), hexText(test::join({test::keyedGre(30, 0x07), frame})));
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     EXPECT_EQ(rig.log.lines().at(1),
               "[peers] new peer: 198.51.100.7, vlan: 30, interface: eth0[192.0.2.1] (total: 1)");
     EXPECT_EQ(rig.log.lines().at(2),
@@ -130,13 +130,13 @@ TEST_F(IngressUpstream, AKeyNamingTheForwardedVlanDoesNotForward) {
     rig.config.gre_key_mode = VlanMap;
     rig.run(test::join({test::keyedGre(40), test::taggedFrame(20)}));
     EXPECT_EQ(rig.forward.count(), 0u);
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap40", {hexText(test::untaggedFrame())}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap40", {hexText(test::untaggedFrame())}}}));
 }
 
 TEST_F(IngressUpstream, OtherVlansGoToTheirTaps) {
     rig.run(test::join({test::plainGre(), test::taggedFrame(20)}));
     EXPECT_EQ(rig.forward.count(), 0u);
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap20", {hexText(test::untaggedFrame())}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap20", {hexText(test::untaggedFrame())}}}));
 }
 
 TEST(IngressUpstreamUntagged, AForwardedVlan0TakesUntaggedFrames) {
@@ -148,7 +148,7 @@ TEST(IngressUpstreamUntagged, AForwardedVlan0TakesUntaggedFrames) {
     ASSERT_EQ(rig.forward.count(), 1u);
     EXPECT_EQ(hexText(rig.forward.sent(0).bytes),
               hexText(test::join({test::plainGre(0x07), test::untaggedFrame()})));
-    EXPECT_EQ(rig.tapWrites(), TapWrites{});
+    EXPECT_EQ(rig.tapWrites(), WrittenFrames{});
     EXPECT_EQ(rig.log.lines().front(), "Forwarding VLAN 0 to remote VYM 203.0.113.1");
 }
 
@@ -158,7 +158,7 @@ TEST(IngressRelayMark, RecursionControl7MarksTheNewPeer) {
     IngressRig rig;
     rig.addTap(20);
     rig.run(test::join({test::plainGre(0x07), test::taggedFrame(20)}), rig.fromV4(kGateway));
-    EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap20", {hexText(test::untaggedFrame())}}}));
+    EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap20", {hexText(test::untaggedFrame())}}}));
     ASSERT_EQ(rig.tables.peers().size(), 1u);
     EXPECT_EQ(rig.tables.peers()[0].relayMark, 1);
 }
@@ -168,7 +168,7 @@ TEST(IngressRelayMark, OtherRecursionValuesDoNotMark) {
         IngressRig rig;
         rig.addTap(20);
         rig.run(test::join({test::plainGre(recursion), test::taggedFrame(20)}));
-        EXPECT_EQ(rig.tapWrites(), (TapWrites{{"tap20", {hexText(test::untaggedFrame())}}}));
+        EXPECT_EQ(rig.tapWrites(), (WrittenFrames{{"tap20", {hexText(test::untaggedFrame())}}}));
         ASSERT_EQ(rig.tables.peers().size(), 1u);
         EXPECT_EQ(rig.tables.peers()[0].relayMark, 0) << "recursion " << int{recursion};
     }

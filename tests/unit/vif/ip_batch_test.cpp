@@ -1,6 +1,6 @@
-// Datagrams that are already queued when the GRE endpoint reads: the kernel
-// hands them over in one receive where it can, and read still returns them
-// one at a time, in order, each with its own sender.
+// Datagrams that are already queued when the GRE endpoint receives: the
+// kernel hands them over in one receive where it can, each in a slot of its
+// own, in order, each with its own sender.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -46,9 +46,9 @@ Bytes datagramFrom(const char* source, uint8_t mark) {
 // second datagram of a receive can be spoilt (its header length nibble set to 4).
 std::vector<int> receives;
 bool spoil_second = false;
-int (*real_receive)(int, IP::Datagram*, unsigned, bool) = nullptr;
+int (*real_receive)(int, IP::Slot*, unsigned, bool) = nullptr;
 
-int countingReceive(int fd, IP::Datagram* batch, unsigned count, bool wait) {
+int countingReceive(int fd, IP::Slot* batch, unsigned count, bool wait) {
     const int got = real_receive(fd, batch, count, wait);
     receives.push_back(got);
     if (spoil_second && got >= 2) batch[1].data[0] = 0x44;
@@ -121,29 +121,51 @@ class GreBatchTest : public VifNetTest {
     }
 };
 
-TEST_F(GreBatchTest, QueuedDatagramsComeOneReadAtATimeWithTheirOwnSenders) {
+TEST_F(GreBatchTest, QueuedDatagramsComeInOneBatchWithTheirOwnSenders) {
+    auto endpoint = openIPv4();
+    EXPECT_EQ(endpoint->batchSize(), IP::kMaxBatch);
+    const std::vector<Bytes> sent = {datagramFrom("192.0.2.2", 0xA1),
+                                     datagramFrom("192.0.2.3", 0xB2),
+                                     datagramFrom("192.0.2.2", 0xC3)};
+    ASSERT_NO_FATAL_FAILURE(sendQueued(sent));
+    CountingSeam seam(false);
+    IP::Received batch[IP::kMaxBatch];
+    ASSERT_EQ(endpoint->receiveBatch(batch), 3u);
+    const char* senders[] = {"192.0.2.2", "192.0.2.3", "192.0.2.2"};
+    for (size_t i = 0; i < sent.size(); ++i) {
+        const lumora::pdu::PDU p = batch[i].datagram;
+        EXPECT_TRUE(batch[i].valid) << "datagram " << i;
+        EXPECT_EQ(p._begin, 20);
+        EXPECT_EQ(p._end, 52);
+        EXPECT_EQ(p._cap, 52);
+        EXPECT_EQ(Bytes(p._buf, p._buf + p._end), sent[i]) << "datagram " << i;
+        EXPECT_EQ(batch[i].family, static_cast<uint32_t>(AF_INET));
+        EXPECT_EQ(text(batch[i].ipv4), senders[i]) << "datagram " << i;
+        // Each datagram has its own slot: none overwrote an earlier one.
+        if (i > 0) {
+            EXPECT_NE(p._buf, batch[i - 1].datagram._buf);
+        }
+    }
+    // Linux takes all three in one receive (recvmmsg).
+    EXPECT_EQ(receives, std::vector<int>{3});
+    EXPECT_EQ(capture.lines(), std::vector<std::string>{});
+}
+
+TEST_F(GreBatchTest, ABatchTakesNoMoreThanItHasRoomFor) {
     auto endpoint = openIPv4();
     const std::vector<Bytes> sent = {datagramFrom("192.0.2.2", 0xA1),
                                      datagramFrom("192.0.2.3", 0xB2),
                                      datagramFrom("192.0.2.2", 0xC3)};
     ASSERT_NO_FATAL_FAILURE(sendQueued(sent));
     CountingSeam seam(false);
-    const char* senders[] = {"192.0.2.2", "192.0.2.3", "192.0.2.2"};
-    const uint8_t* previous = nullptr;
-    for (size_t i = 0; i < sent.size(); ++i) {
-        const lumora::pdu::PDU p = endpoint->read();
-        EXPECT_EQ(p._begin, 20);
-        EXPECT_EQ(p._end, 52);
-        EXPECT_EQ(p._cap, 52);
-        EXPECT_EQ(Bytes(p._buf, p._buf + p._end), sent[i]) << "datagram " << i;
-        EXPECT_EQ(text(endpoint->senderIPv4()), senders[i]) << "datagram " << i;
-        // Each datagram keeps its own slot: the earlier ones stay intact.
-        EXPECT_NE(p._buf, previous);
-        previous = p._buf;
-    }
-    // Linux takes all three in one receive (recvmmsg).
-    EXPECT_EQ(receives, std::vector<int>{3});
-    EXPECT_EQ(capture.lines(), std::vector<std::string>{});
+    IP::Received two[2];
+    ASSERT_EQ(endpoint->receiveBatch(two), 2u);
+    EXPECT_EQ(Bytes(two[1].datagram._buf, two[1].datagram._buf + 52), sent[1]);
+    // The one left behind comes with the next receive.
+    IP::Received rest[IP::kMaxBatch];
+    ASSERT_EQ(endpoint->receiveBatch(rest), 1u);
+    EXPECT_EQ(Bytes(rest[0].datagram._buf, rest[0].datagram._buf + 52), sent[2]);
+    EXPECT_EQ(receives, (std::vector<int>{2, 1}));
 }
 
 TEST_F(GreBatchTest, ARefusedDatagramDoesNotLoseTheOnesBehindIt) {
@@ -153,20 +175,32 @@ TEST_F(GreBatchTest, ARefusedDatagramDoesNotLoseTheOnesBehindIt) {
                                      datagramFrom("192.0.2.2", 0xC3)};
     ASSERT_NO_FATAL_FAILURE(sendQueued(sent));
     CountingSeam seam(true);
-    const lumora::pdu::PDU first = endpoint->read();
-    EXPECT_EQ(Bytes(first._buf, first._buf + first._end), sent[0]);
-    // The second read is the spoilt datagram: 22, with its sender recorded.
-    try {
-        endpoint->read();
-        FAIL() << "read returned";
-    } catch (int error) {
-        EXPECT_EQ(error, 22);
+    IP::Received batch[IP::kMaxBatch];
+    ASSERT_EQ(endpoint->receiveBatch(batch), 3u);
+    EXPECT_TRUE(batch[0].valid);
+    EXPECT_EQ(Bytes(batch[0].datagram._buf, batch[0].datagram._buf + 52), sent[0]);
+    // The spoilt one (header length 16) is marked, its sender still known.
+    EXPECT_FALSE(batch[1].valid);
+    EXPECT_EQ(text(batch[1].ipv4), "192.0.2.3");
+    EXPECT_TRUE(batch[2].valid);
+    EXPECT_EQ(Bytes(batch[2].datagram._buf, batch[2].datagram._buf + 52), sent[2]);
+    EXPECT_EQ(text(batch[2].ipv4), "192.0.2.2");
+    EXPECT_EQ(receives, std::vector<int>{3});
+}
+
+// read() is the same receive with a batch of one: one datagram per call.
+TEST_F(GreBatchTest, ReadTakesOneDatagramPerReceive) {
+    auto endpoint = openIPv4();
+    const std::vector<Bytes> sent = {datagramFrom("192.0.2.2", 0xA1),
+                                     datagramFrom("192.0.2.3", 0xB2)};
+    ASSERT_NO_FATAL_FAILURE(sendQueued(sent));
+    CountingSeam seam(false);
+    for (size_t i = 0; i < sent.size(); ++i) {
+        const lumora::pdu::PDU p = endpoint->read();
+        EXPECT_EQ(Bytes(p._buf, p._buf + p._end), sent[i]);
     }
     EXPECT_EQ(text(endpoint->senderIPv4()), "192.0.2.3");
-    const lumora::pdu::PDU third = endpoint->read();
-    EXPECT_EQ(Bytes(third._buf, third._buf + third._end), sent[2]);
-    EXPECT_EQ(text(endpoint->senderIPv4()), "192.0.2.2");
-    EXPECT_EQ(receives, std::vector<int>{3});
+    EXPECT_EQ(receives, (std::vector<int>{1, 1}));
 }
 
 }  // namespace

@@ -98,9 +98,9 @@ class GreReceiveTest : public VifNetTest {
 int forced_header_byte = -1;
 ssize_t forced_count = -1;
 int forced_errno = 0;
-int (*real_receive)(int, IP::Datagram*, unsigned, bool) = nullptr;
+int (*real_receive)(int, IP::Slot*, unsigned, bool) = nullptr;
 
-int alteredReceive(int fd, IP::Datagram* batch, unsigned count, bool wait) {
+int alteredReceive(int fd, IP::Slot* batch, unsigned count, bool wait) {
     const int got = real_receive(fd, batch, count, wait);
     if (got <= 0) return got;
     if (forced_header_byte >= 0) batch[0].data[0] = static_cast<uint8_t>(forced_header_byte);

@@ -113,7 +113,8 @@ TEST_F(TapTest, OpensUnderTheKernelNameWithItsMacAndMtu) {
         EXPECT_EQ(Bytes(mac.begin(), mac.end()), kTapMac);
         EXPECT_EQ(capture.lines(), (Lines{"vxtap0 mtu: 1400", "vxtap0 ready"}));
         EXPECT_NE(flagsIn(hub, "vxtap0") & IFF_UP, 0) << "interface not brought up";
-        EXPECT_EQ(openDescriptors(), before + 1);
+        // The device, and its write ring where the kernel gave one.
+        EXPECT_EQ(openDescriptors(), before + 1 + (tap->batchedWrites() ? 1 : 0));
     }
     EXPECT_EQ(openDescriptors(), before);
 }
@@ -175,35 +176,6 @@ TEST_F(TapTest, FrameSentOutOfTheInterfaceIsReadBehindTheHeadroom) {
     EXPECT_EQ(p._begin, 64);
     EXPECT_EQ(p._end, 1578);
     EXPECT_EQ(Bytes(p._buf + p._begin, p._buf + p._end), frame);
-    EXPECT_EQ(capture.lines(), Lines{});
-}
-
-// A datagram held for a batched send stays where the tap read it, so each
-// read takes the next slot of a ring, which comes round after as many reads
-// as sends can be held.
-TEST_F(TapTest, SuccessiveReadsUseTheSlotsOfARingInTurn) {
-    auto tap = open("vxtap0");
-    {
-        ScopedNetns in(hub);
-        tap->setMtu(1500);
-    }
-    capture.clear();
-    const unsigned slots = lumora::vif::IP::maxHeldSends();
-    ASSERT_GT(slots, 1u);
-    ReadDeadline deadline(5);
-    std::vector<const uint8_t*> buffers;
-    for (unsigned i = 0; i <= slots; ++i) {
-        // Sent one at a time, so that each read finds its own frame.
-        const Bytes frame = ethernetFrame(kOtherMac, kTapMac, 100 + i);
-        sendOut(frame);
-        const lumora::pdu::PDU p = readOurs(*tap);
-        EXPECT_EQ(p._cap, 4096);
-        EXPECT_EQ(p._begin, 64);
-        EXPECT_EQ(Bytes(p._buf + p._begin, p._buf + p._end), frame);
-        buffers.push_back(p._buf);
-    }
-    for (unsigned i = 1; i < slots; ++i) EXPECT_EQ(buffers[i], buffers[0] + i * 4096) << i;
-    EXPECT_EQ(buffers[slots], buffers[0]);
     EXPECT_EQ(capture.lines(), Lines{});
 }
 
