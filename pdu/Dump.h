@@ -1,6 +1,6 @@
 // Decoded and hex dumps of frames, written straight to a stdio stream (the
-// logger's) at the Info and Debug levels. No lock is taken: lines of two
-// threads may interleave.
+// logger's) at the Info and Debug levels. No lock is taken here; the tunnel
+// threads dump under the logger's mutex (tunnel/FrameDump.h).
 //
 // Each decoded dump prints its layer's line indented by depth spaces, then
 // makes the view of the layer inside and dumps it at depth + 1, following the

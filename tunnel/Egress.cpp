@@ -4,10 +4,10 @@
 #include <cstring>
 
 #include "pdu/ClampMSS.h"
-#include "pdu/Dump.h"
 #include "pdu/Text.h"
 #include "pdu/Views.h"
 #include "tunnel/Encapsulation.h"
+#include "tunnel/FrameDump.h"
 #include "tunnel/Tag.h"
 #include "vif/TAP"
 
@@ -111,10 +111,7 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
     if (read.length() < kEthernetHeader) throw kInvalid;
     PDU frame = read;
 
-    if (log.level >= static_cast<int32_t>(Info) && log.stream != nullptr) {
-        pdu::dump(pdu::EthernetPDU::at(frame, frame._begin), log.stream, 0);
-        if (log.level >= static_cast<int32_t>(Debug)) pdu::dumpHex(frame, log.stream);
-    }
+    dumpRead(log, frame, DumpFrom::Ethernet);
 
     uint16_t vlan = device_vlan;
     if (device_vlan == 0 && pdu::load16(frame.data() + 12) == pdu::kEthertypeVlan) {

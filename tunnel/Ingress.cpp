@@ -6,6 +6,7 @@
 #include "pdu/Views.h"
 #include "pdu/Text.h"
 #include "tunnel/Encapsulation.h"
+#include "tunnel/FrameDump.h"
 #include "tunnel/KeyPolicy.h"
 #include "tunnel/Learning.h"
 #include "tunnel/Relay.h"
@@ -170,6 +171,18 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
     tap->write(frame);
 }
 
+void ingestGreDatagram(TunnelContext& context, const GreSource& source, PDU datagram,
+                       IngressScratch& scratch) {
+    // What arrived, before the tag strip or anything else touches it.
+    dumpRead(*context.logger, datagram, DumpFrom::Gre);
+    try {
+        handleGreDatagram(context, source, datagram, scratch);
+    } catch (int) {
+        // Malformed or unsendable: this datagram ends here, the next is read.
+    } catch (const char*) {
+    }
+}
+
 void runGreIngress(Logger* logger, vif::IP* endpoint) {
     logger->log(Debug, "IPv4 thread running on %s", endpoint->name());
     TunnelContext& context = tunnelContext();
@@ -189,12 +202,7 @@ void runGreIngress(Logger* logger, vif::IP* endpoint) {
         }
         const GreSource source{endpoint, endpoint->senderFamily(), endpoint->senderIPv4(),
                                endpoint->senderIPv6()};
-        try {
-            handleGreDatagram(context, source, datagram, scratch);
-        } catch (int) {
-            // Malformed or unsendable: this datagram ends here, the next is read.
-        } catch (const char*) {
-        }
+        ingestGreDatagram(context, source, datagram, scratch);
     }
 }
 

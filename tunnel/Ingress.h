@@ -41,6 +41,13 @@ struct IngressScratch {
 void handleGreDatagram(TunnelContext& context, const GreSource& source, pdu::PDU datagram,
                        IngressScratch& scratch);
 
+// One datagram as the ingress thread takes it from its endpoint: dumped as
+// it arrived (from the GRE header, see tunnel/FrameDump.h), then run through
+// handleGreDatagram. Whatever the datagram throws is dropped here: nothing
+// it holds reaches the caller.
+void ingestGreDatagram(TunnelContext& context, const GreSource& source, pdu::PDU datagram,
+                       IngressScratch& scratch);
+
 // The GRE ingress thread's body: reads the endpoint for ever. Nothing a
 // datagram holds ends it.
 void runGreIngress(Logger* logger, vif::IP* endpoint);
