@@ -199,52 +199,40 @@ TEST(Dump, ArpAddressesBeyondTheFrameAreReadFromTheBufferBehindIt) {
 // as a tap read can deliver them: 22 bytes.
 const char* const kCutArp = "ff ff ff ff ff ff 02 00 00 00 00 99 08 06  00 01 08 00 06 04 00 01";
 
-// The Ethernet and ARP lines every dump of kCutArp starts with.
-const std::string kCutArpLines =
-    "Ethernet: 02:00:00:00:00:99 > ff:ff:ff:ff:ff:ff, ethertype: 0x0806, length: 22\n"
-    " ARP: hardware type: 1, protocol type: 0x0800, halen: 6, palen: 4, op: 1, length: 8\n";
-
-// kCutArp behind 64 bytes of headroom with `behind` (hex) after it in the
-// buffer: _end is the end of the 22 bytes, _cap the end of the buffer.
-Captured dumpCutArp(const std::string& behind) {
+// Dumps kCutArp behind 64 bytes of headroom with `behind` (hex) after it in
+// the buffer (_end is the end of the 22 bytes, _cap the end of the buffer)
+// and expects the Ethernet and ARP lines, then the two sender lines.
+void expectSenderLines(const std::string& behind, const char* hardware, const char* protocol) {
+    SCOPED_TRACE(behind);
     Frame buffer(std::string(kCutArp) + behind, 64);
     PDU p = buffer.pdu();
     p._end = static_cast<uint16_t>(64 + 22);
-    return capture([&](FILE* out) { dump(EthernetPDU::at(p, 64), out, 0); });
+    const Captured c = capture([&](FILE* out) { dump(EthernetPDU::at(p, 64), out, 0); });
+    EXPECT_EQ(c.thrown, -1);
+    EXPECT_EQ(c.text,
+              "Ethernet: 02:00:00:00:00:99 > ff:ff:ff:ff:ff:ff, ethertype: 0x0806, length: 22\n"
+              " ARP: hardware type: 1, protocol type: 0x0800, halen: 6, palen: 4, op: 1, "
+              "length: 8\n"
+              "source ha: " +
+                  std::string(hardware) + "\nsource pa: " + protocol + "\n");
 }
 
 TEST(Dump, CutArpHeaderShowsTheSenderBytesThatLieBehindTheFrame) {
     // What an earlier, longer frame left in the read buffer.
-    const Captured c = dumpCutArp("02 00 00 00 0a 0b c0 00 02 37  00 00");
-    EXPECT_EQ(c.thrown, -1);
-    EXPECT_EQ(c.text, kCutArpLines +
-                          "source ha: 02:00:00:00:0a:0b\n"
-                          "source pa: 192.0.2.55\n");
+    expectSenderLines("02 00 00 00 0a 0b c0 00 02 37  00 00", "02:00:00:00:0a:0b", "192.0.2.55");
 }
 
 TEST(Dump, ArpSenderBytesPastTheBufferPrintAsDashes) {
     // The buffer ends three bytes behind the frame: the rest is never read.
-    Captured c = dumpCutArp("02 00 5e");
-    EXPECT_EQ(c.thrown, -1);
-    EXPECT_EQ(c.text, kCutArpLines +
-                          "source ha: 02:00:5e:--:--:--\n"
-                          "source pa: --.--.--.--\n");
+    expectSenderLines("02 00 5e", "02:00:5e:--:--:--", "--.--.--.--");
     // The sender protocol address cut after two bytes.
-    c = dumpCutArp("02 00 00 00 0a 0b c0 00");
-    EXPECT_EQ(c.thrown, -1);
-    EXPECT_EQ(c.text, kCutArpLines +
-                          "source ha: 02:00:00:00:0a:0b\n"
-                          "source pa: 192.0.--.--\n");
+    expectSenderLines("02 00 00 00 0a 0b c0 00", "02:00:00:00:0a:0b", "192.0.--.--");
 }
 
 TEST(Dump, ArpHeaderAtTheVeryEndOfTheBufferPrintsNoSenderBytes) {
-    Captured c = dumpCutArp("");
-    EXPECT_EQ(c.thrown, -1);
-    EXPECT_EQ(c.text, kCutArpLines +
-                          "source ha: --:--:--:--:--:--\n"
-                          "source pa: --.--.--.--\n");
+    expectSenderLines("", "--:--:--:--:--:--", "--.--.--.--");
     // A hardware length that points the protocol address far past the end.
-    c = capture([](FILE* out) {
+    const Captured c = capture([](FILE* out) {
         Frame frame("00 01 08 00 ff 04 00 02 02 00 00 00 0a 0b");
         dump(ArpPDU::at(frame.pdu(), 0), out, 0);
     });

@@ -17,7 +17,6 @@ namespace {
 
 using test::Bytes;
 using test::hexText;
-using test::IngressRig;
 using test::TapWrites;
 
 // A UDP datagram from 192.0.2.10 to 192.0.2.20, IPv4 header included.
@@ -69,7 +68,7 @@ class IngressDump : public testing::Test {
         ingestGreDatagram(rig.context, rig.fromV4(), rig.received.back().pdu, rig.scratch);
     }
 
-    IngressRig rig;
+    test::IngressRig rig;
 };
 
 TEST_F(IngressDump, InfoDecodesTheDatagramAsItArrivedBeforeItIsHandled) {
