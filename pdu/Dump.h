@@ -1,11 +1,13 @@
 // Decoded and hex dumps of frames, written straight to a stdio stream (the
-// logger's) at the Info and Debug levels. No lock is taken: lines of two
-// threads may interleave.
+// logger's) at the Info and Debug levels. No lock is taken here; the tunnel
+// threads dump under the logger's mutex (tunnel/FrameDump.h).
 //
 // Each decoded dump prints its layer's line indented by depth spaces, then
 // makes the view of the layer inside and dumps it at depth + 1, following the
 // same walk as Views.h. A layer that does not fit its view throws int 22 out
-// of the dump, after the lines of the outer layers have been written.
+// of the dump, after the lines of the outer layers have been written; nothing
+// else throws. The ARP sender lines read past the ARP view's fixed 8 bytes,
+// bounded by the buffer (_cap) rather than the frame (_end).
 #pragma once
 
 #include <cstddef>

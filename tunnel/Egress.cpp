@@ -6,11 +6,10 @@
 
 #include "pdu/Checksum.h"
 #include "pdu/ClampMSS.h"
-#include "pdu/Dump.h"
-#include "pdu/HexDump.h"
 #include "pdu/Tag.h"
 #include "pdu/Text.h"
 #include "pdu/Views.h"
+#include "tunnel/FrameDump.h"
 #include "tunnel/Send.h"
 #include "vif/TAP"
 
@@ -117,10 +116,7 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
     if (read.length() < kEthernetHeader) throw kInvalid;
     PDU frame = read;
 
-    if (FILE* out = log.dumpStream(Info)) {
-        pdu::dump(pdu::EthernetPDU::at(frame, frame._begin), out, 0);
-        if (log.enabled(Debug)) pdu::dumpHex(frame, out);
-    }
+    dumpRead(log, frame, DumpFrom::Ethernet);
 
     uint16_t vlan = device_vlan;
     if (device_vlan == 0 && pdu::load16(frame.data() + 12) == pdu::kEthertypeVlan) {

@@ -6,6 +6,7 @@
 #include "pdu/Tag.h"
 #include "pdu/Text.h"
 #include "pdu/Views.h"
+#include "tunnel/FrameDump.h"
 #include "tunnel/KeyPolicy.h"
 #include "tunnel/Learning.h"
 #include "tunnel/Relay.h"
@@ -172,6 +173,18 @@ void handleGreDatagram(TunnelContext& context, const GreSource& source, PDU data
     batch.writes.queue(tap, frame);
 }
 
+void ingestGreDatagram(TunnelContext& context, const GreSource& source, PDU datagram,
+                       IngressBatch& batch) {
+    // What arrived, before the tag strip or anything else touches it.
+    dumpRead(*context.logger, datagram, DumpFrom::Gre);
+    try {
+        handleGreDatagram(context, source, datagram, batch);
+    } catch (int) {
+        // Malformed or unsendable: this datagram ends here, the next is read.
+    } catch (const char*) {
+    }
+}
+
 void runGreIngress(Logger* logger, vif::IP* endpoint) {
     VXBRD_LOG(*logger, Debug, "IPv4 thread running on %s", endpoint->name());
     TunnelContext& context = tunnelContext();
@@ -195,12 +208,7 @@ void runGreIngress(Logger* logger, vif::IP* endpoint) {
             // A datagram too short for its own outer header is dropped unseen.
             if (!r.valid) continue;
             const GreSource source{endpoint, r.family, r.ipv4, r.ipv6};
-            try {
-                handleGreDatagram(context, source, r.datagram, batch);
-            } catch (int) {
-                // Malformed or unsendable: this datagram ends here, the next is handled.
-            } catch (const char*) {
-            }
+            ingestGreDatagram(context, source, r.datagram, batch);
         }
         // The writes and sends go out before the slots are received into again.
         batch.flush();

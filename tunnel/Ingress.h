@@ -53,6 +53,13 @@ struct IngressBatch {
 void handleGreDatagram(TunnelContext& context, const GreSource& source, pdu::PDU datagram,
                        IngressBatch& batch);
 
+// One datagram as the ingress thread takes it from its endpoint: dumped as
+// it arrived (from the GRE header, see tunnel/FrameDump.h), then run through
+// handleGreDatagram. Whatever the datagram throws is dropped here: nothing
+// it holds reaches the caller.
+void ingestGreDatagram(TunnelContext& context, const GreSource& source, pdu::PDU datagram,
+                       IngressBatch& batch);
+
 // The GRE ingress thread's body: receives batches from the endpoint for
 // ever, runs each datagram through handleGreDatagram in arrival order and
 // flushes the batch's writes and sends before receiving again. Nothing a

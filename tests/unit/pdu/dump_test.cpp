@@ -179,18 +179,69 @@ TEST(Dump, ShortTcpHeaderThrowsAfterTheIPv4Line) {
               "proto: 6, cksum: 0x0000, len/cap: 40/40\n");
 }
 
-TEST(Dump, ArpAddressesBeyondTheFrameThrowAfterTheArpLine) {
+TEST(Dump, ArpAddressesBeyondTheFrameAreReadFromTheBufferBehindIt) {
     // halen 17 puts the last byte of the sender protocol address (8 + 17 + 4)
-    // one past the 28 bytes present.
+    // one past the 28 bytes present: it is the first spare byte (0xee) of the
+    // buffer, and the dump goes on.
     const Captured c = dumpFrame(
         "ff ff ff ff ff ff 02 00 00 00 00 01 08 06"
         "00 01 08 00 11 04 00 01 02 00 00 00 00 01 c0 00 02 01 00 00 00 00 00 00 c0 00 02 02");
-    EXPECT_EQ(c.thrown, 22);
+    EXPECT_EQ(c.thrown, -1);
     EXPECT_EQ(c.text,
               "Ethernet: 02:00:00:00:00:01 > ff:ff:ff:ff:ff:ff, ethertype: 0x0806, length: 42\n"
               " ARP: hardware type: 1, protocol type: 0x0800, halen: 17, palen: 4, op: 1, "
               "length: 28\n"
-              "source ha: 02:00:00:00:00:01\n");
+              "source ha: 02:00:00:00:00:01\n"
+              "source pa: 0.2.2.238\n");
+}
+
+// An Ethernet header and the eight fixed ARP bytes (a request to broadcast),
+// as a tap read can deliver them: 22 bytes.
+const char* const kCutArp = "ff ff ff ff ff ff 02 00 00 00 00 99 08 06  00 01 08 00 06 04 00 01";
+
+// Dumps kCutArp behind 64 bytes of headroom with `behind` (hex) after it in
+// the buffer (_end is the end of the 22 bytes, _cap the end of the buffer)
+// and expects the Ethernet and ARP lines, then the two sender lines.
+void expectSenderLines(const std::string& behind, const char* hardware, const char* protocol) {
+    SCOPED_TRACE(behind);
+    Frame buffer(std::string(kCutArp) + behind, 64);
+    PDU p = buffer.pdu();
+    p._end = static_cast<uint16_t>(64 + 22);
+    const Captured c = capture([&](FILE* out) { dump(EthernetPDU::at(p, 64), out, 0); });
+    EXPECT_EQ(c.thrown, -1);
+    EXPECT_EQ(c.text,
+              "Ethernet: 02:00:00:00:00:99 > ff:ff:ff:ff:ff:ff, ethertype: 0x0806, length: 22\n"
+              " ARP: hardware type: 1, protocol type: 0x0800, halen: 6, palen: 4, op: 1, "
+              "length: 8\n"
+              "source ha: " +
+                  std::string(hardware) + "\nsource pa: " + protocol + "\n");
+}
+
+TEST(Dump, CutArpHeaderShowsTheSenderBytesThatLieBehindTheFrame) {
+    // What an earlier, longer frame left in the read buffer.
+    expectSenderLines("02 00 00 00 0a 0b c0 00 02 37  00 00", "02:00:00:00:0a:0b", "192.0.2.55");
+}
+
+TEST(Dump, ArpSenderBytesPastTheBufferPrintAsDashes) {
+    // The buffer ends three bytes behind the frame: the rest is never read.
+    expectSenderLines("02 00 5e", "02:00:5e:--:--:--", "--.--.--.--");
+    // The sender protocol address cut after two bytes.
+    expectSenderLines("02 00 00 00 0a 0b c0 00", "02:00:00:00:0a:0b", "192.0.--.--");
+}
+
+TEST(Dump, ArpHeaderAtTheVeryEndOfTheBufferPrintsNoSenderBytes) {
+    expectSenderLines("", "--:--:--:--:--:--", "--.--.--.--");
+    // A hardware length that points the protocol address far past the end.
+    const Captured c = capture([](FILE* out) {
+        Frame frame("00 01 08 00 ff 04 00 02 02 00 00 00 0a 0b");
+        dump(ArpPDU::at(frame.pdu(), 0), out, 0);
+    });
+    EXPECT_EQ(c.thrown, -1);
+    EXPECT_EQ(c.text,
+              "ARP: hardware type: 1, protocol type: 0x0800, halen: 255, palen: 4, op: 2, "
+              "length: 14\n"
+              "source ha: 02:00:00:00:0a:0b\n"
+              "source pa: --.--.--.--\n");
 }
 
 TEST(Dump, IndentationStartsAtTheGivenDepth) {
