@@ -20,10 +20,7 @@ namespace {
 // Receive buffer and socket buffers alike: bursts are absorbed by the kernel
 // rather than dropped.
 constexpr size_t kBufferSize = 0xFFFFF;
-// A tap super-frame leaves as up to 45 datagrams at once, and several
-// follow each other: 4 MB (twice that in the kernel's count) absorbs what
-// one scheduling gap of the receiving thread lets pile up.
-constexpr int kSocketBuffer = 0x3FFFFF;
+constexpr int kSocketBuffer = 0xFFFFF;
 constexpr long kMinMtu = 576;
 constexpr long kMaxMtu = 1480;
 constexpr uint16_t kIPv4HeaderMin = 20;
