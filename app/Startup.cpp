@@ -17,6 +17,7 @@
 #include "app/Daemon.h"
 #include "app/StartupSteps.h"
 #include "app/Version.h"
+#include "app/idle_platform.h"
 #include "app/interfaces.h"
 #include "control/ControlSocket.h"
 #include "core/Config.h"
@@ -219,7 +220,9 @@ int daemonMain(int argc, char** argv) {
     openTapEndpoints(logger, threads);
     logForwarding(logger);
 
-    // The threads do the work; main only has to stay alive.
+    // The threads do the work; main only has to stay alive, and stays out
+    // of their way. Refused (an unprivileged FreeBSD), it sleeps as before.
+    platform::moveThisThreadToIdleClass();
     for (;;) usleep(1000);
 }
 
