@@ -10,6 +10,7 @@
 #include "pdu/Text.h"
 #include "pdu/Views.h"
 #include "tunnel/FrameDump.h"
+#include "tunnel/Pacing.h"
 #include "tunnel/Send.h"
 #include "vif/TAP"
 
@@ -180,11 +181,14 @@ void runTapEgress(Logger* logger, vif::TAP* tap, uint16_t vlan) {
     PDU frames[vif::TAP::kMaxBatch];
     // Frames come from the host's own stack and are trusted to be well
     // formed: anything thrown here ends the process.
+    LoadPacing pacing;
     for (;;) {
+        pacing.beforeReceive();
         const unsigned count = tap->readBatch(frames);
         for (unsigned i = 0; i < count; ++i) handleTapFrame(context, *tap, vlan, frames[i], *batch);
         // The datagrams go out before the read slots are read into again.
         batch->sends.flush();
+        pacing.handled(count, tap->batchSize());
     }
 }
 
