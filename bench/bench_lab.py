@@ -18,10 +18,10 @@ HUB_MAC, AP_MAC = "02:00:00:00:0a:01", "02:00:00:00:0a:02"
 CLIENT_MAC = "02:00:00:00:0b:01"  # bench_traffic's inner source (the client)
 TAG_VLAN, GRE_KEY = 20, 7
 LOSS_LIMIT = 0.001
-SUBJECTS = ("daemon", "relay", "duplex", "batched")
+SUBJECTS = ("daemon", "relay", "duplex", "batched", "floor")
 # Subjects that are builds of the daemon: this one, and an earlier one (--before).
 DAEMONS = ("daemon", "before")
-RELAY_KINDS = {"relay": "minimal", "duplex": "duplex", "batched": "batched"}
+RELAY_KINDS = {"relay": "minimal", "duplex": "duplex", "batched": "batched", "floor": "spin"}
 VARIANTS = {"plain": (0, -1), "tag+key": (TAG_VLAN, GRE_KEY)}  # inner tag VLAN, key
 
 
@@ -120,6 +120,32 @@ def cpu_ns(pid: int) -> int:
     return total
 
 
+def system_busy_ns() -> int:
+    """Busy time of every CPU from /proc/stat (user, nice, system, irq,
+    softirq, steal), in nanoseconds: the same figure for every subject, so
+    work moved into interrupt context or onto another CPU is never free."""
+    with open("/proc/stat") as f:
+        fields = f.readline().split()  # the "cpu" line: all CPUs together
+    user, nice, system, _idle, _iowait, irq, softirq, steal = (int(x) for x in fields[1:9])
+    ticks = os.sysconf("SC_CLK_TCK")
+    return (user + nice + system + irq + softirq + steal) * 1_000_000_000 // ticks
+
+
+def context_switches(pid: int) -> int:
+    """Voluntary and involuntary context switches of every thread of pid:
+    each voluntary one is a wait that ended in a wake-up."""
+    total = 0
+    for task in os.listdir(f"/proc/{pid}/task"):
+        try:
+            with open(f"/proc/{pid}/task/{task}/status") as f:
+                for line in f:
+                    if line.startswith(("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches")):
+                        total += int(line.split()[1])
+        except FileNotFoundError:
+            pass
+    return total
+
+
 def wait_until(predicate: Callable[[], object], timeout: float, what: str) -> object:
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
@@ -150,3 +176,5 @@ class Outcome:
     limited: list = field(default_factory=list)    # True when the generator was the limit
     cpu: dict = field(default_factory=dict)        # load -> [ns per packet, ...]
     cpu_loss: dict = field(default_factory=dict)   # load -> [loss, ...]
+    system: dict = field(default_factory=dict)     # load -> [system-wide ns per packet, ...]
+    wakeups: dict = field(default_factory=dict)    # load -> [context switches per packet, ...]

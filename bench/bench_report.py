@@ -40,7 +40,10 @@ def table(points: list[Point], outcomes: dict, options) -> str:
     head = ["point"] + [f"{s} Mpps" for s in subjects]
     head += [f"{d}/{y}" for d in daemons for y in yardsticks]
     head += [f"{s} ns/pkt @{loads}" for s in subjects]
-    head += [f"CPU {d}/{y}" for d in daemons for y in yardsticks if y != "batched"]
+    # The batched relay and the floor are yardsticks of rate only: the floor
+    # burns its core whatever the load.
+    cpu_yardsticks = [y for y in yardsticks if y not in ("batched", "floor")]
+    head += [f"CPU {d}/{y}" for d in daemons for y in cpu_yardsticks]
     lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
     for p in points:
         o = {s: outcomes[(p.label, s)] for s in subjects}
@@ -51,8 +54,33 @@ def table(points: list[Point], outcomes: dict, options) -> str:
         row += [" / ".join(ratio(statistics.median(o[d].cpu[l]),
                                  statistics.median(o[y].cpu[l]))
                            for l in options.loads)
-                for d in daemons for y in yardsticks if y != "batched"]
+                for d in daemons for y in cpu_yardsticks]
         lines.append("| " + " | ".join(row) + " |")
+    return "\n".join(lines)
+
+
+def load_table(points: list[Point], outcomes: dict, options) -> str:
+    """At each fixed load: the subject's own CPU time per packet, the whole
+    machine's busy time per packet (/proc/stat) and the subject's context
+    switches per packet, medians over the runs, with the ratios of the
+    system-wide figure to the minimal relay's."""
+    loads = "/".join(f"{l / 1e3:g}k" for l in options.loads)
+    head = ["point", "subject", f"own ns/pkt @{loads}", f"system ns/pkt @{loads}",
+            f"wake-ups/pkt @{loads}", "system vs relay"]
+    lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
+    median = statistics.median
+    for p in points:
+        relay = outcomes.get((p.label, "relay"))
+        for s in options.subjects:
+            o = outcomes[(p.label, s)]
+            versus = (" / ".join(ratio(median(o.system[l]), median(relay.system[l]))
+                                 for l in options.loads) if relay else "-")
+            lines.append("| " + " | ".join([
+                p.label, s,
+                " / ".join(f"{median(o.cpu[l]):.0f}" for l in options.loads),
+                " / ".join(f"{median(o.system[l]):.0f}" for l in options.loads),
+                " / ".join(f"{median(o.wakeups[l]):.2f}" for l in options.loads),
+                versus]) + " |")
     return "\n".join(lines)
 
 

@@ -48,9 +48,10 @@ from typing import Optional
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 from bench_lab import (AP_IP, AP_MAC, DAEMONS, HUB_IP, HUB_MAC, LOSS_LIMIT, RELAY_KINDS,  # noqa: E402
-                       SUBJECTS, VARIANTS, Namespaces, Outcome, Point, counters, cpu_ns, log,
+                       SUBJECTS, VARIANTS, Namespaces, Outcome, Point, context_switches,
+                       counters, cpu_ns, log, system_busy_ns,
                        run, wait_until)
-from bench_report import latency_table, table  # noqa: E402
+from bench_report import latency_table, load_table, table  # noqa: E402
 
 
 class Bench:
@@ -178,9 +179,13 @@ class Bench:
                                else (self.ap, "ap0", "rx_packets"))
         before = counters(self.spaces, ns, device)
         cpu_before = cpu_ns(process.pid)
+        switches_before = context_switches(process.pid)
+        system_before = system_busy_ns()
         offered, seconds = self.generate(point.direction, point, rate, self.o.trial_seconds)
         time.sleep(self.o.settle)
         cpu_after = cpu_ns(process.pid)
+        switches_after = context_switches(process.pid)
+        system_after = system_busy_ns()
         after = counters(self.spaces, ns, device)
         if process.poll() is not None:
             raise RuntimeError(f"subject ended during a trial (exit {process.returncode})")
@@ -190,6 +195,8 @@ class Bench:
         result = {"rate": rate, "achieved": achieved, "offered": offered,
                   "delivered": delivered, "loss": loss,
                   "cpu_ns": cpu_after - cpu_before,
+                  "system_ns": system_after - system_before,
+                  "switches": switches_after - switches_before,
                   "raw_drops": after["raw_drops"] - before["raw_drops"],
                   "limited": achieved < 0.97 * rate}
         if self.o.verbose:
@@ -279,6 +286,9 @@ class Bench:
                             outcome.cpu.setdefault(load, []).append(
                                 r["cpu_ns"] / max(r["delivered"], 1))
                             outcome.cpu_loss.setdefault(load, []).append(r["loss"])
+                            packets = max(r["delivered"], 1)
+                            outcome.system.setdefault(load, []).append(r["system_ns"] / packets)
+                            outcome.wakeups.setdefault(load, []).append(r["switches"] / packets)
                     finally:
                         self.spaces.stop(process)
                     log(f"    -> {rate / 1e6:.3f} Mpps{' (generator limit)' if limited else ''}")
@@ -411,7 +421,13 @@ def main() -> int:
             "",
             "Mpps: median loss-free offered rate, ± half the range over the runs; '>' the "
             "generator, not the subject, was the limit. ns/pkt: subject CPU time per delivered "
-            "packet at the fixed offered loads ('*': more than 0.1 % lost there)."]
+            "packet at the fixed offered loads ('*': more than 0.1 % lost there).",
+            "",
+            load_table(points, outcomes, options),
+            "",
+            "own: the subject's threads (schedstat); system: all CPUs' busy time "
+            "(/proc/stat), generator included, the same figure for every subject; wake-ups: "
+            "the subject's context switches."]
     if latency:
         text += ["", latency_table(latency)]
     report = "\n".join(text)
