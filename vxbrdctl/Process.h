@@ -17,6 +17,7 @@ namespace lumora::ctl {
 struct ProcessInfo {
     pid_t pid = 0;
     std::time_t started = 0;             // wall-clock seconds
+    long startedMs = 0;                  // and the milliseconds past them
     std::vector<std::string> arguments;  // argv, the program first
 };
 

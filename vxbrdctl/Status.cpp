@@ -57,13 +57,19 @@ ControlError explain(const ControlError& error, const std::string& socket, pid_t
                               "ended; restart vxbrd to get it back"};
 }
 
-std::string configChange(const std::string& path, std::time_t started) {
+// The start time is known to one clock tick and a file's time to one timer
+// tick; a configuration written just before the start is not a change.
+constexpr long long kStartSlackMs = 50;
+
+std::string configChange(const std::string& path, const ProcessInfo& process) {
     if (path.empty() || path[0] != '/')
         return "unknown (a relative path, read from the directory vxbrd started in)";
     struct stat info {};
     if (stat(path.c_str(), &info) != 0)
         return std::string("unknown (") + std::strerror(errno) + ")";
-    if (info.st_mtime <= started) return "no";
+    const long long modified_ms = info.st_mtim.tv_sec * 1000LL + info.st_mtim.tv_nsec / 1000000;
+    const long long started_ms = process.started * 1000LL + process.startedMs;
+    if (modified_ms <= started_ms + kStartSlackMs) return "no";
     return "yes (modified " + timeText(info.st_mtime) + "; vxbrd reads it only at start-up)";
 }
 
@@ -124,7 +130,7 @@ int printStatus(const std::string& socket, int timeout_seconds) {
         out += "started: " + timeText(info->started) + "\n";
         out += "uptime: " + durationText(std::time(nullptr) - info->started) + "\n";
         out += "configuration: " + config + "\n";
-        out += "changed since start: " + configChange(config, info->started) + "\n";
+        out += "changed since start: " + configChange(config, *info) + "\n";
     } else {
         out += "pid: unknown (the system does not name the socket's owner)\n";
     }

@@ -44,6 +44,7 @@ std::optional<ProcessInfo> processInfo(pid_t pid) {
     ProcessInfo info;
     info.pid = pid;
     info.started = kernel->ki_start.tv_sec;
+    info.startedMs = kernel->ki_start.tv_usec / 1000;
     int name[] = {CTL_KERN, KERN_PROC, KERN_PROC_ARGS, static_cast<int>(pid)};
     std::vector<char> arguments(ARG_MAX);
     size_t size = arguments.size();

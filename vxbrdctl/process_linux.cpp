@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -43,11 +44,15 @@ std::optional<std::vector<std::string>> statFields(pid_t pid) {
     return fields;
 }
 
-std::time_t bootTime() {
-    const auto text = readFile("/proc/stat");
-    if (!text) return 0;
-    const size_t at = text->find("\nbtime ");
-    return at == std::string::npos ? 0 : std::atoll(text->c_str() + at + 7);
+// The wall-clock time of boot in milliseconds. /proc/stat's btime is cut
+// to whole seconds, which can put a process's start a second before the
+// configuration it was given was written; the two clocks read now are exact.
+long long bootTimeMs() {
+    timespec now{};
+    timespec since_boot{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    clock_gettime(CLOCK_BOOTTIME, &since_boot);
+    return (now.tv_sec - since_boot.tv_sec) * 1000LL + (now.tv_nsec - since_boot.tv_nsec) / 1000000;
 }
 
 }  // namespace
@@ -68,8 +73,10 @@ std::optional<ProcessInfo> processInfo(pid_t pid) {
     ProcessInfo info;
     info.pid = pid;
     const long ticks = sysconf(_SC_CLK_TCK);
-    info.started = bootTime() + static_cast<std::time_t>(std::atoll((*fields)[19].c_str()) /
-                                                         (ticks > 0 ? ticks : 100));
+    const long long started_ms =
+        bootTimeMs() + std::atoll((*fields)[19].c_str()) * 1000 / (ticks > 0 ? ticks : 100);
+    info.started = static_cast<std::time_t>(started_ms / 1000);
+    info.startedMs = static_cast<long>(started_ms % 1000);
     const auto cmdline = readFile("/proc/" + std::to_string(pid) + "/cmdline");
     if (!cmdline) return std::nullopt;
     std::string argument;
