@@ -11,6 +11,7 @@
 #include "pdu/Text.h"
 #include "pdu/Views.h"
 #include "tunnel/FrameDump.h"
+#include "tunnel/Pacing.h"
 #include "tunnel/Send.h"
 #include "vif/TAP"
 
@@ -247,12 +248,15 @@ void runTapEgress(Logger* logger, vif::TAP* tap, uint16_t vlan) {
     pdu::Offload offloads[vif::TAP::kMaxBatch];
     // Frames come from the host's own stack and are trusted to be well
     // formed: anything thrown here ends the process.
+    LoadPacing pacing;
     for (;;) {
+        pacing.beforeReceive();
         const unsigned count = tap->readFrames(frames, offloads);
         for (unsigned i = 0; i < count; ++i)
             handleTapRead(context, *tap, vlan, frames[i], offloads[i], *batch);
         // The datagrams go out before the read slots are read into again.
         batch->sends.flush();
+        pacing.handled(count, tap->batchSize());
     }
 }
 
