@@ -101,6 +101,9 @@ void LineParser::parse(char* text, int number) {
     } else if (std::strcmp(keyword, "ipchksum") == 0) {
         cfg.ipchksum = true;
         noteIgnored(1);
+    } else if (std::strcmp(keyword, "offload-disable") == 0) {
+        cfg.offload = false;
+        noteIgnored(1);
     } else {
         diagnose("%s:%d ignoring unknown keyword \"%s\"\n", path, line, keyword);
     }
@@ -114,7 +117,7 @@ void LineParser::noteIgnored(int first) {
     if (!ignored.words.empty()) notes->ignored_words.push_back(std::move(ignored));
 }
 
-// TAPNAME VID [vlan-isolate-enable | parent-interface NAME | ...]
+// TAPNAME VID [vlan-isolate-enable | parent-interface NAME | offload-disable | ...]
 void LineParser::tapLine() {
     const char* name = tokens[0];
     if (tokens[1] == nullptr) {
@@ -136,11 +139,14 @@ void LineParser::tapLine() {
     const auto vid = static_cast<uint16_t>(vid_value == 1 ? 0 : vid_value);
 
     bool isolate = false;
+    bool offload = true;
     const char* parent = nullptr;
     for (int i = 2; i < kMaxTokens && tokens[i] != nullptr; ++i) {
         const char* option = tokens[i];
         if (std::strcmp(option, "vlan-isolate-enable") == 0) {
             isolate = true;
+        } else if (std::strcmp(option, "offload-disable") == 0) {
+            offload = false;
         } else if (std::strcmp(option, "parent-interface") == 0) {
             // The last token slot has no room for the argument: an internal
             // limit of this reader, not an operator error, so it stops hard.
@@ -165,7 +171,7 @@ void LineParser::tapLine() {
     }
 
     cfg.vlans.set(vid);
-    cfg.interfaces.push_back(InterfaceConfig{name, vid, isolate});
+    cfg.interfaces.push_back(InterfaceConfig{name, vid, isolate, offload});
     if (notes != nullptr) notes->taps.push_back({line, tokens[1]});
     if (parent != nullptr) parent_interfaces[name] = parent;
 }

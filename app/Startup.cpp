@@ -168,7 +168,7 @@ void openTapEndpoints(Logger& logger, Threads& threads) {
         vif::TAP* endpoint = nullptr;
         try {
             // The name lives in the configuration, which outlives the endpoint.
-            endpoint = new vif::TAP(&logger, tap.name.c_str());
+            endpoint = new vif::TAP(&logger, tap.name.c_str(), config.offload && tap.offload);
         } catch (int) {
             VXBRD_LOG(logger, Error, "Critical error - cannot open TAP interface. Exiting.");
             std::exit(-1);

@@ -53,6 +53,7 @@ void tapLines(std::string& out, const Config& cfg,
         const ConfigNotes::Tap note = i < notes.taps.size() ? notes.taps[i] : ConfigNotes::Tap{};
         std::string text = tap.name + ' ' + std::to_string(tap.vid);
         if (tap.isolate) text += " vlan-isolate-enable";
+        if (!tap.offload) text += " offload-disable";
         const auto parent = parents.find(tap.name);
         if (parent != parents.end()) text += " parent-interface " + parent->second;
         if (note.vid != std::to_string(tap.vid)) {
@@ -110,6 +111,7 @@ void keywordLines(std::string& out, const Config& cfg, const ConfigNotes& notes)
         out += "# server not set\n";
     }
     out += cfg.ipchksum ? "ipchksum\n" : "# ipchksum not set\n";
+    if (!cfg.offload) out += "offload-disable\n";
 }
 
 // The abort start-up would die of, turned into a verdict: the message is

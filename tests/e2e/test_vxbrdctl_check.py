@@ -85,6 +85,11 @@ CASES = {
                  "grekey mode ignore\nmss 1380\nmtu 1500\n" + DEFAULTS_TAIL +
                  "# line 2: words not read: \"untagged\"\n"
                  "# line 3: words not read: \"jumbo\"\n"),
+    "offload-disable": (["tap0", "tap1"], "tap0 20 offload-disable\ntap1 30\noffload-disable\n",
+                        "tap0 20 offload-disable\ntap1 30\n"
+                        "grekey mode ignore\nmss 1380\n"
+                        "# mtu not set: the tunnel's own limit\n" + DEFAULTS_TAIL +
+                        "offload-disable\n"),
     "ipv6-forward": ([], "vlan40 forward-to-vym 2001:db8::40\n",
                      "# line 1: dropped: upstream gateways are reached over IPv4 only\n"
                      "#vlan40 forward-to-vym 2001:db8::40\n"
