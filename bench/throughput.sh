@@ -118,6 +118,7 @@ topology() {  # topology PATH MTU: fresh namespaces wired for PATH
         sleep 0.2
     done
     ip netns exec "$ap" ping -c 1 -W 2 203.0.113.1 >/dev/null
+    rm -f "$work/iperf.pid"
     ip netns exec "$hub" iperf3 -s -D -B 203.0.113.1 -I "$work/iperf.pid" >/dev/null
     sleep 0.3
 }
@@ -148,6 +149,7 @@ for mtu in $MTUS; do
                 for run in $(seq "$RUNS"); do
                     before=$(daemon_ticks)
                     out=$(ip netns exec "$ap" iperf3 -c 203.0.113.1 -t "$SECONDS_PER_RUN" -P "$streams" $reverse -J 2>/dev/null || true)
+                    [ -n "${VERBOSE:-}" ] && printf "%s" "$out" | grep -m1 "\"error\"" >&2 || true
                     after=$(daemon_ticks)
                     read -r bps bytes < <(printf '%s' "$out" | python3 -c '
 import json, sys
