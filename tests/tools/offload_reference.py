@@ -213,7 +213,8 @@ def main():
 
         print("// Written by tests/tools/offload_reference.py from what the kernel's own")
         print("// segmentation and receive merging made; do not edit by hand.")
-        print("#pragma once\n\nnamespace lumora::test::kernel {\n")
+        # The captured bytes stay one literal per line, as written here.
+        print("#pragma once\n\n// clang-format off\nnamespace lumora::test::kernel {\n")
         for name, value in out.items():
             frame, segments, mss = value[:3]
             print("// %s: segment size %d, %d segments." % (name, mss, len(segments)))
@@ -228,7 +229,7 @@ def main():
                 print('inline constexpr const char* k%sHeader = "%s";' % (name, merged[:10].hex()))
                 print('inline constexpr const char* k%sMerged = "%s";' % (name, merged[10:].hex()))
             print()
-        print("}  // namespace lumora::test::kernel")
+        print("}  // namespace lumora::test::kernel\n// clang-format on")
     finally:
         for ns in (A, B):
             subprocess.run(["ip", "netns", "del", ns], check=False)
