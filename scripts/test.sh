@@ -146,7 +146,7 @@ for fuzzer in "${fuzzers[@]}"; do
     rm -rf "$corpus" "$log"
 done
 
-step "manual pages, service files, install layout"
+step "manual pages, service files (systemd-analyze verify, security), install layout"
 "$root/scripts/check-dist.sh" build
 
 step "FreeBSD cross build"
