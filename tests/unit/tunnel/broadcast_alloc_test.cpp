@@ -5,15 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
-#include <memory>
 #include <string>
 
 #include "alloc_counter_support.h"
+#include "egress_support.h"
 #include "ingress_support.h"
-#include "tunnel/Egress.h"
-#include "tunnel/Learning.h"
-#include "vif/TAP"
 
 namespace lumora {
 namespace {
@@ -58,62 +54,35 @@ class BroadcastAllocation : public testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(Clients, BroadcastAllocation, testing::Values(10, 100000),
                          [](const auto& info) { return std::to_string(info.param) + "Clients"; });
 
-// The tap side: a broadcast ARP request from the host, as a tap read leaves
-// it in its slot behind the headroom.
-struct FloodRig {
-    FloodRig() : tap("tap20"), socket("eth0", "192.0.2.1") {
-        context.logger = &log.logger;
-        context.config = &config;
-        context.tables = &tables;
-        context.interfaces = &interfaces;
-        context.parents = &parents;
-        const Bytes frame = hexBytes(
-            "ff ff ff ff ff ff  02 00 5e 00 00 01  08 06  00 01 08 00 06 04 00 01"
-            "02 00 5e 00 00 01 c0 00 02 01  00 00 00 00 00 00 c0 00 02 0a");
-        std::copy(frame.begin(), frame.end(), slot.begin() + vif::TAP::kHeadroom);
-        read = pdu::PDU{slot.data(),
-                        vif::TAP::kBufferSize,
-                        vif::TAP::kHeadroom,
-                        static_cast<uint16_t>(vif::TAP::kHeadroom + frame.size()),
-                        {0, 0}};
+// Floods a broadcast ARP request from the host kRounds times from the tap of
+// device_vlan, as a tap read leaves it in its slot, and returns this
+// thread's allocations meanwhile; sent counts the copies.
+size_t allocationsOfFloods(test::EgressRig& rig, uint16_t device_vlan, size_t& sent) {
+    rig.slots.emplace_back(
+        hexBytes("ff ff ff ff ff ff  02 00 5e 00 00 01  08 06  00 01 08 00 06 04 00 01"
+                 "02 00 5e 00 00 01 c0 00 02 01  00 00 00 00 00 00 c0 00 02 0a"));
+    const pdu::PDU read = rig.slots.back().pdu;
+    sent = 0;
+    AllocationCounter::start();
+    for (int i = 0; i < kRounds; ++i) {
+        handleTapFrame(rig.context, rig.tap, device_vlan, read, *rig.batch);
+        rig.batch->sends.flush();
+        sent += rig.socket.count();
+        rig.socket.clear();
     }
-
-    // Floods the frame kRounds times from the tap of device_vlan and
-    // returns this thread's allocations meanwhile; sent counts the copies.
-    size_t allocationsOfFloods(uint16_t device_vlan, size_t& sent) {
-        sent = 0;
-        AllocationCounter::start();
-        for (int i = 0; i < kRounds; ++i) {
-            handleTapFrame(context, tap, device_vlan, read, *batch);
-            batch->sends.flush();
-            sent += socket.count();
-            socket.clear();
-        }
-        return AllocationCounter::stop();
-    }
-
-    test::MemoryLog log{Error};
-    Config config;
-    Tables tables;
-    std::map<std::string, MacAddress> interfaces;
-    std::map<std::string, std::string> parents;
-    TunnelContext context;
-    test::RecordingTap tap;
-    RecordingGreSocket socket;
-    std::unique_ptr<EgressBatch> batch = std::make_unique<EgressBatch>();
-    Bytes slot = Bytes(vif::TAP::kBufferSize, 0);
-    pdu::PDU read;
-};
+    return AllocationCounter::stop();
+}
 
 TEST_P(BroadcastAllocation, TheFloodAllocatesItsCopiesListOnly) {
-    FloodRig rig;
+    test::EgressRig rig;
+    rig.log.logger.level = Error;  // a hundred thousand "new device" lines are not read
     fill(rig.tables, rig.log.logger, rig.socket, GetParam());
     size_t sent = 0;
-    EXPECT_EQ(rig.allocationsOfFloods(20, sent), static_cast<size_t>(kRounds))
+    EXPECT_EQ(allocationsOfFloods(rig, 20, sent), static_cast<size_t>(kRounds))
         << "one list per flood";
     EXPECT_EQ(sent, 2u * kRounds) << "one copy per peer and pair";
     // A VLAN without peers floods nowhere and allocates nothing.
-    EXPECT_EQ(rig.allocationsOfFloods(30, sent), 0u);
+    EXPECT_EQ(allocationsOfFloods(rig, 30, sent), 0u);
     EXPECT_EQ(sent, 0u);
 }
 
