@@ -52,7 +52,7 @@ void appendClient(std::string& out, const ClientRecord& client) {
 
 std::string peersReport(Tables& tables) {
     std::string out;
-    for (const PeerRecord& peer : tables.peers(kAllVlans)) {
+    for (const PeerFields& peer : tables.peers(kAllVlans)) {
         out += "peer: ";
         out += peer.address().text();
         out += ", vlan: ";

@@ -1,6 +1,5 @@
 #include "tunnel/ClientRecord.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace lumora {
@@ -32,6 +31,14 @@ ClientRecord& ClientRecord::operator=(const ClientRecord& other) {
 void ClientRecord::touch() {
     std::lock_guard guard(mutex);
     lastSeen = time(nullptr);
+}
+
+bool ClientRecord::sighted(const PeerFields& candidate, uint64_t frame_length) {
+    std::lock_guard guard(mutex);
+    lastSeen = time(nullptr);
+    bytesIn += frame_length;
+    packetsIn += 1;
+    return isSamePeerLocked(candidate);
 }
 
 void ClientRecord::resetFlags() {
@@ -81,7 +88,7 @@ std::string ClientRecord::peerAddressText() const {
     return peer != nullptr ? peer->address().text() : "unknown";
 }
 
-bool ClientRecord::peerSnapshot(PeerRecord& out) const {
+bool ClientRecord::peerSnapshot(PeerFields& out) const {
     std::lock_guard guard(mutex);
     if (peer == nullptr) return false;
     out = *peer;
@@ -104,8 +111,12 @@ ClientRoute ClientRecord::route() const {
     return r;
 }
 
-bool ClientRecord::isSamePeer(const PeerRecord& candidate) const {
+bool ClientRecord::isSamePeer(const PeerFields& candidate) const {
     std::lock_guard guard(mutex);
+    return isSamePeerLocked(candidate);
+}
+
+bool ClientRecord::isSamePeerLocked(const PeerFields& candidate) const {
     if (peer == nullptr || peer->family != candidate.family) return false;
     if (candidate.family == AF_INET6) {
         return peer->vlan == candidate.vlan &&
@@ -129,8 +140,8 @@ void ClientRecord::attachClient(PeerRecord* record) {
 
 void ClientRecord::associate(PeerRecord* record, const Association& what) {
     std::lock_guard guard(mutex);
-    // Flags change only while the client is in no peer's list, so a peer
-    // rebuilding its vlanKeys never reads them mid-change.
+    // Flags change only while the client is in no peer's list, so the pair
+    // it is listed with is always what its flags say.
     detachLocked();
     hasVlan = 0;
     hasKey = 0;
@@ -150,18 +161,17 @@ void ClientRecord::detachLocked() {
     if (peer == nullptr) return;
     {
         std::lock_guard peer_guard(peer->mutex);
-        auto& list = peer->clients;
-        list.erase(std::remove(list.begin(), list.end(), this), list.end());
-        peer->rebuildVlanKeys();
+        // A client given its peer before it was published is not listed yet.
+        if (peer->clients.holds(this)) peer->unlist(this);
     }
     peer = nullptr;
 }
 
 void ClientRecord::attachLocked(PeerRecord* record) {
+    detachLocked();
     {
         std::lock_guard peer_guard(record->mutex);
-        record->clients.push_back(this);
-        record->rebuildVlanKeys();
+        record->list(this, {static_cast<uint16_t>(hasVlan ? vlan : 0), hasKey ? greKey : 0});
     }
     peer = record;
 }

@@ -3,8 +3,9 @@
 // cache, never move and never die while the process runs.
 //
 // Locking: a client's mutex is always taken before its peer's, never the
-// reverse. The GRE ingress threads write; the tap threads and the control
-// socket read through the locked operations below (or through a copy).
+// reverse, and no thread holds two peers' mutexes. The GRE ingress threads
+// write; the tap threads and the control socket read through the locked
+// operations below (or through a copy).
 #pragma once
 
 #include <cstdint>
@@ -68,9 +69,14 @@ class ClientRecord {
     ClientRecord& operator=(const ClientRecord& other);
 
     void touch();  // lastSeen = now
-    // The flag setters, each under the client's mutex. A peer reads its
-    // clients' flags under the peer's mutex alone, so on a client that is in
-    // a peer's list they are changed through associate() only.
+    // A frame from this client, under one hold of its mutex: lastSeen = now,
+    // frame_length bytes and one packet in, and whether candidate is the
+    // peer it sits behind (as isSamePeer()). Learning's per-packet case.
+    bool sighted(const PeerFields& candidate, uint64_t frame_length);
+    // The flag setters, each under the client's mutex. A client is listed by
+    // its peer with the pair its flags made when it was listed, so on a
+    // client that is in a peer's list they are changed through associate()
+    // only.
     void resetFlags();  // hasVlan = hasKey = 0
     void setKey(uint32_t key);
     void setVlan(int32_t id);
@@ -86,20 +92,22 @@ class ClientRecord {
     PeerAddress peerAddress() const;
     // The peer's address as text, "unknown" when there is no peer.
     std::string peerAddressText() const;
-    // Copies the whole current peer record (all but its mutex) into out.
-    // False, and out untouched, when there is no peer.
-    bool peerSnapshot(PeerRecord& out) const;
+    // Copies the current peer's fixed fields into out. False, and out
+    // untouched, when there is no peer.
+    bool peerSnapshot(PeerFields& out) const;
     ClientRoute route() const;
 
     // True only for the same family and, for AF_INET6, the same VLAN and 16
     // address bytes, for AF_INET the same VLAN and address. The current peer's
     // full address is compared, not the peer table's shorter key.
-    bool isSamePeer(const PeerRecord& candidate) const;
+    bool isSamePeer(const PeerFields& candidate) const;
 
-    // Removes every occurrence of this client from its peer's clients and
-    // forgets the peer; the peer stays in the table even with no clients left.
+    // Takes this client out of its peer's clients and forgets the peer; the
+    // peer stays in the table even with no clients left.
     void detachClient();
-    // Appends this client to record's clients and makes record its peer.
+    // Makes record this client's peer, listed at the end of its clients with
+    // the pair the flags make. A client is listed once, by one peer at most:
+    // one listed already is detached first.
     void attachClient(PeerRecord* record);
 
     // Learning's move of a new or re-associated client, done under one hold
@@ -109,8 +117,15 @@ class ClientRecord {
     void associate(PeerRecord* record, const Association& what);
 
   private:
+    friend class ClientList;
+
+    bool isSamePeerLocked(const PeerFields& candidate) const;
     void detachLocked();
     void attachLocked(PeerRecord* record);
+
+    // Where the peer lists this client; see ClientListing for what guards
+    // it. Never copied: a copy is listed nowhere.
+    ClientListing listing;
 };
 
 }  // namespace lumora

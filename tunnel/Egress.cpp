@@ -79,25 +79,24 @@ void sendToServer(TunnelContext& context, Endpoint& tap, const Destination& dest
 
 void flood(TunnelContext& context, PDU read, uint16_t vlan, EgressBatch& batch) {
     uint8_t* const buffer = batch.flood_buffer;
-    for (const PeerRecord& peer : context.tables->floodPeers(vlan)) {
-        for (const VlanKey& pair : peer.vlanKeys) {
-            if (read._cap > kFloodBufferSize) {
-                std::printf("buflen: %zu, p1._cap: %d\n", kFloodBufferSize, read._cap);
-                std::fflush(stdout);
-                throw kInvalid;
-            }
-            // Each copy is the buffer as read, indices included: a frame whose
-            // tag was stripped goes out at its length as read, as the access
-            // points have always received it.
-            std::memcpy(buffer, read._buf, read._cap);
-            PDU copy{
-                buffer, static_cast<uint16_t>(kFloodBufferSize), read._begin, read._end, {0, 0}};
-            if (copy.length() < kEthernetHeader) throw kInvalid;
-            if (peer.endpoint == nullptr) continue;
-            // The next copy overwrites this one: it goes at once.
-            send(*context.logger, destinationOf(peer, pair.vlan), copy,
-                 pair.key != 0 ? &pair.key : nullptr, context.config->mtu, batch.sends, false);
+    // One copy per (peer, pair), in table and set order.
+    for (const FloodCopy& target : context.tables->floodCopies(vlan)) {
+        if (read._cap > kFloodBufferSize) {
+            std::printf("buflen: %zu, p1._cap: %d\n", kFloodBufferSize, read._cap);
+            std::fflush(stdout);
+            throw kInvalid;
         }
+        // Each copy is the buffer as read, indices included: a frame whose
+        // tag was stripped goes out at its length as read, as the access
+        // points have always received it.
+        std::memcpy(buffer, read._buf, read._cap);
+        PDU copy{buffer, static_cast<uint16_t>(kFloodBufferSize), read._begin, read._end, {0, 0}};
+        if (copy.length() < kEthernetHeader) throw kInvalid;
+        if (target.peer.endpoint == nullptr) continue;
+        // The next copy overwrites this one: it goes at once.
+        const VlanKey& pair = target.pair;
+        send(*context.logger, destinationOf(target.peer, pair.vlan), copy,
+             pair.key != 0 ? &pair.key : nullptr, context.config->mtu, batch.sends, false);
     }
 }
 

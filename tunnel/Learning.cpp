@@ -36,7 +36,7 @@ std::string clientText(const Sighting& s) {
 }  // namespace
 
 ClientRecord* learn(Tables& tables, Logger* logger, const Sighting& s) {
-    PeerRecord candidate;
+    PeerFields candidate;
     candidate.vlan = s.policyVlan;
     candidate.ipv4 = s.ipv4;
     candidate.ipv6 = s.ipv6;
@@ -65,24 +65,19 @@ ClientRecord* learn(Tables& tables, Logger* logger, const Sighting& s) {
     // A new or moving client gets its flags and peer set below; the line
     // that tells about it is begun here and finished with what it learned.
     std::string line;
-    bool moving = false;
     if (new_client) {
+        client->addTraffic(s.frameLength, 0, 1, 0);
         line = "[cache] new device: " + clientText(s);
         if (s.upstream != nullptr) {
             line += " FWD via VYM ";
             line += pdu::addressToText(AF_INET, s.upstream);
         }
     } else {
-        client->touch();
-        moving = !client->isSamePeer(candidate);
-        if (moving) {
-            line = "[cache] Update device peer: " + clientText(s);
-            VXBRD_LOG(*logger, Notice, "Reassociating client to peer cache");
-        }
+        // The per-packet case: seen, counted and compared in one lock.
+        if (client->sighted(candidate, s.frameLength)) return client;
+        line = "[cache] Update device peer: " + clientText(s);
+        VXBRD_LOG(*logger, Notice, "Reassociating client to peer cache");
     }
-
-    client->addTraffic(s.frameLength, 0, 1, 0);
-    if (!new_client && !moving) return client;  // the per-packet case
 
     Association what;
     what.hasKey = s.hasKey;

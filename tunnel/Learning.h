@@ -36,9 +36,10 @@ struct Sighting {
 // the frame, and moves a new or re-associated client onto that peer, logging
 // at Notice what changed. Returns the client record in use.
 //
-// A known client on its known peer costs two table lookups and a few client
-// locks and allocates nothing; only new and moving clients (and new peers)
-// allocate, for their records and their log lines.
+// A known client on its known peer costs two table lookups and one lock of
+// the client and allocates nothing; only new and moving clients (and new
+// peers) allocate, for their records and their log lines. None of it grows
+// with the number of clients behind a peer.
 ClientRecord* learn(Tables& tables, Logger* logger, const Sighting& sighting);
 
 }  // namespace lumora

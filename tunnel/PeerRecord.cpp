@@ -1,7 +1,6 @@
 #include "tunnel/PeerRecord.h"
 
 #include "pdu/Text.h"
-#include "tunnel/ClientRecord.h"
 
 namespace lumora {
 
@@ -10,35 +9,15 @@ const char* addressText(uint32_t family, const in_addr& ipv4, const in6_addr& ip
                              : pdu::addressToText(AF_INET6, &ipv6);
 }
 
-PeerRecord::PeerRecord(const PeerRecord& other) { copyFieldsFrom(other); }
-
-PeerRecord& PeerRecord::operator=(const PeerRecord& other) {
-    if (this != &other) copyFieldsFrom(other);
-    return *this;
+void PeerRecord::list(ClientRecord* client, VlanKey pair) {
+    // A walk over the clients would meet a new pair last: it joins the set
+    // unless an equal pair is there. A pair listed before was met earlier,
+    // and its fate was settled then.
+    if (clients.append(client, pair)) vlanKeys.insert(pair);
 }
 
-void PeerRecord::copyFieldsFrom(const PeerRecord& other) {
-    // Both mutexes, in one deadlock-free acquisition: the target may be a
-    // caller's reused record just as well as a fresh one.
-    std::scoped_lock guard(mutex, other.mutex);
-    vlan = other.vlan;
-    ipv4 = other.ipv4;
-    ipv6 = other.ipv6;
-    family = other.family;
-    firstSeen = other.firstSeen;
-    endpoint = other.endpoint;
-    relayMark = other.relayMark;
-    peerId = other.peerId;
-    vlanKeys = other.vlanKeys;
-    clients = other.clients;
-}
-
-void PeerRecord::rebuildVlanKeys() {
-    vlanKeys.clear();
-    for (const ClientRecord* client : clients) {
-        vlanKeys.insert({static_cast<uint16_t>(client->hasVlan ? client->vlan : 0),
-                         client->hasKey ? client->greKey : 0});
-    }
+void PeerRecord::unlist(ClientRecord* client) {
+    if (clients.remove(client, vlanKeys)) clients.firstPairs(vlanKeys);
 }
 
 }  // namespace lumora

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <ctime>
 #include <mutex>
-#include <vector>
 
+#include "tunnel/ClientList.h"
 #include "tunnel/VlanKeySet.h"
 
 namespace lumora {
@@ -34,8 +34,11 @@ struct PeerAddress {
     const char* text() const { return addressText(family, ipv4, ipv6); }
 };
 
-struct PeerRecord {
-    // Fixed once the record is in the peer table; read without a lock.
+// A peer's fixed fields: what learning compares a packet's sender with, and
+// all that sending to the peer or listing it needs. They never change once the
+// record is in the peer table, so they are read and copied without a lock;
+// a copy is a few words, whatever the peer's clients.
+struct PeerFields {
     uint16_t vlan = 0;     // policy VLAN the peer was learned on
     in_addr ipv4{};        // outer source when family is AF_INET, network order
     in6_addr ipv6{};       // outer source when family is AF_INET6
@@ -46,27 +49,36 @@ struct PeerRecord {
     vif::GreSocket* endpoint = nullptr;
     uint8_t relayMark = 0;  // 1 when the first packet came relayed by another gateway
     uint64_t peerId = 0;    // the peer table's key, see peerIdOf()
+
+    PeerAddress address() const { return {family, ipv4, ipv6}; }
+};
+
+// The record in the peer table: the fixed fields, and the clients behind the
+// peer with the (VLAN, key) pairs they make. Not copyable: the clients list
+// itself through their records; snapshots copy the fixed fields (and the
+// pairs) only.
+struct PeerRecord : PeerFields {
     // Guarded by mutex.
-    VlanKeySet vlanKeys;                 // rebuilt from clients after every change
-    std::vector<ClientRecord*> clients;  // not owned; the client cache owns them
+    VlanKeySet vlanKeys;  // what a walk over clients, in order, would make
+    ClientList clients;   // not owned; the client cache owns them
     mutable std::mutex mutex;
 
     PeerRecord() = default;
-    // Copies every field but the mutex (the copy gets a fresh one), taking the
-    // source's mutex for vlanKeys and clients. The client pointers are copied,
-    // not followed.
-    PeerRecord(const PeerRecord& other);
-    PeerRecord& operator=(const PeerRecord& other);
+    // A peer with these fields and no clients: the table's entry made from
+    // a packet's candidate.
+    explicit PeerRecord(const PeerFields& fields) : PeerFields(fields) {}
+    PeerRecord(const PeerRecord&) = delete;
+    PeerRecord& operator=(const PeerRecord&) = delete;
 
-    PeerAddress address() const { return {family, ipv4, ipv6}; }
-
-    // Recomputes vlanKeys from clients, in vector order. Caller holds mutex.
-    // Reads the clients' flags, which learning only changes while a client is
-    // in no peer's list.
-    void rebuildVlanKeys();
-
-  private:
-    void copyFieldsFrom(const PeerRecord& other);
+    // Lists client, which uses pair, at the end of clients and keeps vlanKeys
+    // what a walk over the clients would make. The client is listed nowhere.
+    // Caller holds mutex. Costs the same however many clients the peer has.
+    void list(ClientRecord* client, VlanKey pair);
+    // Takes client, listed here, out of clients and keeps vlanKeys as above.
+    // Caller holds mutex. Only when the client held the first listing of a
+    // pair in vlanKeys are the peer's distinct pairs walked again; never its
+    // clients.
+    void unlist(ClientRecord* client);
 };
 
 }  // namespace lumora

@@ -17,7 +17,7 @@ namespace {
 
 constexpr uint16_t kHeadroom = 64;
 
-bool isSource(const PeerRecord& peer, const GreSource& source) {
+bool isSource(const PeerFields& peer, const GreSource& source) {
     return peer.family == AF_INET && source.family == AF_INET &&
            peer.ipv4.s_addr == source.ipv4.s_addr;
 }
@@ -54,7 +54,7 @@ void relayUnicast(TunnelContext& context, PDU frame, uint16_t vlan, SendQueue& s
 void relayBroadcast(TunnelContext& context, const GreSource& source, PDU frame, uint16_t vlan,
                     IngressBatch& batch) {
     Logger& log = *context.logger;
-    for (const PeerRecord& peer : context.tables->floodPeers(vlan)) {
+    for (const PeerFields& peer : context.tables->floodPeers(vlan)) {
         if (isSource(peer, source) || peer.endpoint == nullptr) continue;
         VXBRD_LOG(log, Info, "Forwarding VYM-VYM broadcast to remote AP %s via %s",
                   peer.address().text(), peer.endpoint->interfaceName().c_str());

@@ -39,7 +39,7 @@ void transmit(const Destination& d, PDU datagram, SendQueue& out, bool stays) {
 
 }  // namespace
 
-Destination destinationOf(const PeerRecord& peer, uint16_t vlan) {
+Destination destinationOf(const PeerFields& peer, uint16_t vlan) {
     Destination d;
     d.vlan = vlan;
     d.family = peer.family;

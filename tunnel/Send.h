@@ -29,12 +29,12 @@ struct Destination {
     vif::GreSocket* endpoint = nullptr;
 };
 
-struct PeerRecord;
+struct PeerFields;
 struct ClientRoute;
 
 // A peer's frames on the given VLAN: its outer address, the socket it is
 // reached through and the relay mark it was learned with.
-Destination destinationOf(const PeerRecord& peer, uint16_t vlan);
+Destination destinationOf(const PeerFields& peer, uint16_t vlan);
 // A client's frames: through its peer, on the client's VLAN (0, untagged,
 // when it has none). The route has a peer.
 Destination destinationOf(const ClientRoute& route);

@@ -34,7 +34,7 @@ Tables& Tables::process() {
     return *tables;
 }
 
-PeerRecord* Tables::insertPeer(const PeerRecord& candidate, bool& inserted, size_t& total) {
+PeerRecord* Tables::insertPeer(const PeerFields& candidate, bool& inserted, size_t& total) {
     std::lock_guard guard(peerTableMutex);
     // find first: a known peer, the per-packet case, must not allocate a node.
     auto it = peerTable.find(candidate.peerId);
@@ -64,16 +64,17 @@ ClientRecord* Tables::findClient(uint64_t key) {
     return it == clientCache.end() ? nullptr : it->second.get();
 }
 
-std::vector<PeerRecord> Tables::copyPeers(uint32_t vlan, bool all) {
-    std::vector<PeerRecord> copies;
+std::vector<PeerFields> Tables::copyPeers(uint32_t vlan, bool all) {
+    std::vector<PeerFields> copies;
     std::lock_guard guard(peerTableMutex);
-    // Counted and reserved first, so each record is copied once and the list
-    // is the flood's one allocation besides the copies' own vectors.
+    // Counted and reserved first, so the list is the one allocation. The
+    // fields are fixed: no peer's mutex is needed to copy them.
     size_t count = peerTable.size();
     if (!all) {
         count = 0;
         for (const auto& [id, peer] : peerTable) count += peer.vlan == vlan;
     }
+    if (count == 0) return copies;
     copies.reserve(count);
     for (const auto& [id, peer] : peerTable) {
         if (all || peer.vlan == vlan) copies.push_back(peer);
@@ -81,14 +82,37 @@ std::vector<PeerRecord> Tables::copyPeers(uint32_t vlan, bool all) {
     return copies;
 }
 
-std::vector<PeerRecord> Tables::peers(uint32_t vlan) { return copyPeers(vlan, vlan == kAllVlans); }
+std::vector<PeerFields> Tables::peers(uint32_t vlan) { return copyPeers(vlan, vlan == kAllVlans); }
 
-std::vector<PeerRecord> Tables::floodPeers(uint32_t vlan) {
+std::vector<PeerFields> Tables::floodPeers(uint32_t vlan) {
     if (vlan >= 65535) return {};
     return copyPeers(vlan, false);
 }
 
-bool Tables::relayPeer(const uint8_t* mac, uint16_t vlan, PeerRecord& out) {
+std::vector<FloodCopy> Tables::floodCopies(uint32_t vlan) {
+    std::vector<FloodCopy> copies;
+    if (vlan >= 65535) return copies;
+    std::lock_guard guard(peerTableMutex);
+    // Counted first, so that the list is allocated once. Each peer's mutex is
+    // taken only around its own pairs, so learning on other peers goes on.
+    size_t count = 0;
+    for (const auto& [id, peer] : peerTable) {
+        if (peer.vlan != vlan) continue;
+        std::lock_guard peer_guard(peer.mutex);
+        count += peer.vlanKeys.size();
+    }
+    if (count == 0) return copies;
+    copies.reserve(count);
+    for (const auto& [id, peer] : peerTable) {
+        if (peer.vlan != vlan) continue;
+        const PeerFields& fields = peer;
+        std::lock_guard peer_guard(peer.mutex);
+        for (const VlanKey& pair : peer.vlanKeys) copies.push_back({fields, pair});
+    }
+    return copies;
+}
+
+bool Tables::relayPeer(const uint8_t* mac, uint16_t vlan, PeerFields& out) {
     const ClientRecord* client = findClient(mac, vlan);
     return client != nullptr && client->peerSnapshot(out);
 }

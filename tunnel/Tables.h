@@ -4,6 +4,11 @@
 // lookup, insertion or copy, and the two are never held together; copies take
 // each record's own mutex inside the table's. Records are never removed: both
 // tables only grow until the process exits.
+//
+// A peer snapshot copies what sending to a peer or listing it needs, never
+// the peer's clients: the flood, the relayed broadcast and the peers report
+// cost what the number of peers (and their pairs) makes them, however many
+// clients sit behind each.
 #pragma once
 
 #include <netinet/in.h>
@@ -34,6 +39,13 @@ uint64_t peerIdOf(uint32_t family, const in_addr& ipv4, const in6_addr& ipv6, ui
 // number << 16) | policy VLAN. A MAC seen on two VLANs is two clients.
 uint64_t clientKeyOf(const uint8_t* mac, uint16_t vlan);
 
+// One copy of a flooded frame: the peer it goes to and the (VLAN, key) pair
+// it is tagged and keyed with.
+struct FloodCopy {
+    PeerFields peer;
+    VlanKey pair;
+};
+
 class Tables {
   public:
     Tables() = default;
@@ -45,10 +57,10 @@ class Tables {
     static Tables& process();
 
     // Learning side (GRE ingress threads).
-    // Inserts a copy of candidate unless a record with its peerId exists.
-    // Returns the record in the table; inserted tells which case it was and
-    // total the table's size right after.
-    PeerRecord* insertPeer(const PeerRecord& candidate, bool& inserted, size_t& total);
+    // Inserts a record with candidate's fields unless one with its peerId
+    // exists. Returns the record in the table; inserted tells which case it
+    // was and total the table's size right after.
+    PeerRecord* insertPeer(const PeerFields& candidate, bool& inserted, size_t& total);
     // Inserts record under key unless the key is taken. Returns the record in
     // the cache: record's own when inserted, else the one already there (and
     // record is freed).
@@ -63,15 +75,21 @@ class Tables {
         return findClient(clientKeyOf(mac, vlan));
     }
 
-    // Copies of the peers whose vlan equals vlan, kAllVlans meaning every
+    // The fields of the peers whose vlan equals vlan, kAllVlans meaning every
     // peer, in table order, taken under the table's mutex (the peers report).
-    std::vector<PeerRecord> peers(uint32_t vlan = kAllVlans);
-    // The flood's peers: those whose vlan equals vlan; a VLAN of 65535 or
-    // more has none.
-    std::vector<PeerRecord> floodPeers(uint32_t vlan);
-    // The relay path's target: the peer of the client (mac, vlan), copied into
-    // out. False when the client is unknown or has no peer.
-    bool relayPeer(const uint8_t* mac, uint16_t vlan, PeerRecord& out);
+    std::vector<PeerFields> peers(uint32_t vlan = kAllVlans);
+    // The fields of the peers whose vlan equals vlan (a relayed broadcast's
+    // targets); a VLAN of 65535 or more has none.
+    std::vector<PeerFields> floodPeers(uint32_t vlan);
+    // The egress flood's copies of a frame on vlan: for each peer of that
+    // VLAN, in table order, one per pair of its vlanKeys, in the set's order.
+    // A VLAN of 65535 or more has none. The list is the flood's one
+    // allocation (none when empty); only a pair learned while the list is
+    // taken can cost it a second.
+    std::vector<FloodCopy> floodCopies(uint32_t vlan);
+    // The relay path's target: the fields of the peer of the client (mac,
+    // vlan), copied into out. False when the client is unknown or has no peer.
+    bool relayPeer(const uint8_t* mac, uint16_t vlan, PeerFields& out);
     // Copies of every client, in cache order, taken under the cache's mutex.
     std::vector<ClientRecord> clients();
 
@@ -79,7 +97,7 @@ class Tables {
     size_t clientCount();
 
   private:
-    std::vector<PeerRecord> copyPeers(uint32_t vlan, bool all);
+    std::vector<PeerFields> copyPeers(uint32_t vlan, bool all);
 
     std::unordered_map<uint64_t, PeerRecord> peerTable;
     std::mutex peerTableMutex;

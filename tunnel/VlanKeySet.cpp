@@ -14,4 +14,10 @@ bool VlanKeySet::insert(VlanKey pair) {
     return true;
 }
 
+bool VlanKeySet::holds(VlanKey pair) const {
+    for (const VlanKey& held : pairs)
+        if (held == pair) return true;
+    return false;
+}
+
 }  // namespace lumora

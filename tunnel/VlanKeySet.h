@@ -37,8 +37,11 @@ class VlanKeySet {
 
     // False (and nothing changes) when an equal pair is already held.
     bool insert(VlanKey pair);
-    // Keeps the capacity, so a peer's rebuild stops allocating once grown.
+    // Keeps the capacity, so a peer making its pairs again stops allocating
+    // once grown.
     void clear() { pairs.clear(); }
+    // True when this very pair (not merely an equal one) is held.
+    bool holds(VlanKey pair) const;
 
     size_t size() const { return pairs.size(); }
     bool empty() const { return pairs.empty(); }

@@ -39,8 +39,8 @@ struct PeerCase {
 // Test names, not object bytes, in the listing of the cases.
 void PrintTo(const PeerCase& c, std::ostream* os) { *os << c.name; }
 
-PeerRecord peerOfFamily(uint32_t family, uint16_t vlan) {
-    PeerRecord p;
+PeerFields peerOfFamily(uint32_t family, uint16_t vlan) {
+    PeerFields p;
     p.family = family;
     p.ipv4 = test::v4("192.0.2.99");
     p.ipv6 = test::v6("2001:db8::99");
@@ -137,7 +137,7 @@ TEST(PeersReportOrder, FollowsTheTableSnapshot) {
         learnPacket(tables, {address.c_str(), {0x02, 0, 0, 0, 2, i}, static_cast<uint16_t>(i)});
     }
     std::string expected;
-    for (const PeerRecord& peer : tables.peers(kAllVlans))
+    for (const PeerFields& peer : tables.peers(kAllVlans))
         expected += std::string("peer: ") + peer.address().text() +
                     ", vlan: " + std::to_string(peer.vlan) + "\n";
     EXPECT_EQ(peersReport(tables), expected);

@@ -87,10 +87,9 @@ TEST(LearningConcurrency, LearnersAndReadersShareTheTables) {
                     sent.fetch_add(1, std::memory_order_relaxed);
                 }
             }
-            for (const PeerRecord& p : tables.floodPeers(kVlan)) {
-                for (const VlanKey& pair : p.vlanKeys) {
-                    if (pair.vlan != 0 && pair.vlan != kVlan) ADD_FAILURE() << pair.vlan;
-                }
+            for (const FloodCopy& copy : tables.floodCopies(kVlan)) {
+                if (copy.pair.vlan != 0 && copy.pair.vlan != kVlan) ADD_FAILURE() << copy.pair.vlan;
+                if (copy.peer.vlan != kVlan) ADD_FAILURE() << copy.peer.vlan;
             }
         }
     };
@@ -99,7 +98,7 @@ TEST(LearningConcurrency, LearnersAndReadersShareTheTables) {
     auto control = [&] {
         size_t i = 0;
         while (learners_left.load() > 0) {
-            for (const PeerRecord& p : tables.peers()) {
+            for (const PeerFields& p : tables.peers()) {
                 if (p.vlan != kVlan) ADD_FAILURE() << p.vlan;
             }
             for (const ClientRecord& c : tables.clients()) {
@@ -108,12 +107,12 @@ TEST(LearningConcurrency, LearnersAndReadersShareTheTables) {
                 c.readTraffic();
             }
             const Mac& m = macs[i++ % kClients];
-            PeerRecord relay;
+            PeerFields relay;
             tables.relayPeer(m.data(), kVlan, relay);
             if (ClientRecord* c = tables.findClient(m.data(), kVlan)) {
                 c->peerAddressText();
                 c->peerAddress();
-                PeerRecord copy;
+                PeerFields copy;
                 c->peerSnapshot(copy);
             }
         }
@@ -135,12 +134,12 @@ TEST(LearningConcurrency, LearnersAndReadersShareTheTables) {
     EXPECT_EQ(tables.peerCount(), static_cast<size_t>(kPeers));
     uint64_t packets_in = 0, packets_out = 0;
     size_t listed = 0;
-    for (const PeerRecord& copy : tables.peers()) {
-        listed += copy.clients.size();
-        PeerRecord rebuilt(copy);
-        rebuilt.rebuildVlanKeys();
-        EXPECT_TRUE(std::equal(rebuilt.vlanKeys.begin(), rebuilt.vlanKeys.end(),
-                               copy.vlanKeys.begin(), copy.vlanKeys.end()));
+    for (const PeerFields& fields : tables.peers()) {
+        const PeerRecord* peer = tables.findPeer(fields.peerId);
+        ASSERT_NE(peer, nullptr);
+        listed += peer->clients.size();
+        EXPECT_EQ(std::vector<VlanKey>(peer->vlanKeys.begin(), peer->vlanKeys.end()),
+                  test::rebuiltKeys(*peer));
     }
     EXPECT_EQ(listed, static_cast<size_t>(kClients));
     for (const Mac& m : macs) {

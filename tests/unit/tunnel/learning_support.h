@@ -51,6 +51,18 @@ inline Sighting fromV6(const char* address, uint16_t vlan, const Mac& source) {
     return s;
 }
 
+// What a peer's vlanKeys must hold: each listed client's pair, read from its
+// flags, inserted in listing order. The caller holds the peer's mutex, or no
+// other thread runs.
+inline std::vector<VlanKey> rebuiltKeys(const PeerRecord& peer) {
+    VlanKeySet keys;
+    for (const ClientRecord* client : peer.clients) {
+        keys.insert({static_cast<uint16_t>(client->hasVlan ? client->vlan : 0),
+                     client->hasKey ? client->greKey : 0});
+    }
+    return {keys.begin(), keys.end()};
+}
+
 // Learning's table changes are Notice lines, the level these tests listen
 // at; newLines() is what was written since its previous call.
 struct LogCapture : MemoryLog {

@@ -1,5 +1,5 @@
 // ClientRecord and PeerRecord operations: flags, counters, peer comparison,
-// attaching and detaching, copies.
+// attaching and detaching, snapshots and copies.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -18,16 +18,16 @@ using test::v6;
 
 const uint8_t kMac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 
-PeerRecord peerV4(const char* address, uint16_t vlan) {
-    PeerRecord p;
+PeerFields peerV4(const char* address, uint16_t vlan) {
+    PeerFields p;
     p.family = AF_INET;
     p.ipv4 = v4(address);
     p.vlan = vlan;
     return p;
 }
 
-PeerRecord peerV6(const char* address, uint16_t vlan) {
-    PeerRecord p;
+PeerFields peerV6(const char* address, uint16_t vlan) {
+    PeerFields p;
     p.family = AF_INET6;
     p.ipv6 = v6(address);
     p.vlan = vlan;
@@ -59,15 +59,15 @@ TEST(TablesRecords, AClientWithoutPeerPrintsUnknown) {
     ClientRecord c(kMac);
     EXPECT_EQ(c.peerAddressText(), "unknown");
     EXPECT_EQ(c.peerAddress().family, 0u);
-    PeerRecord out = peerV4("192.0.2.99", 99);
+    PeerFields out = peerV4("192.0.2.99", 99);
     EXPECT_FALSE(c.peerSnapshot(out));
     EXPECT_EQ(out.vlan, 99) << "untouched without a peer";
     EXPECT_FALSE(c.route().hasPeer);
 }
 
 TEST(TablesRecords, PeerAddressTextFollowsTheFamily) {
-    PeerRecord p4 = peerV4("192.0.2.10", 20);
-    PeerRecord p6 = peerV6("2001:db8::5", 0);
+    PeerRecord p4{peerV4("192.0.2.10", 20)};
+    PeerRecord p6{peerV6("2001:db8::5", 0)};
     ClientRecord c(kMac);
     c.setPeer(&p4);
     EXPECT_EQ(c.peerAddressText(), "192.0.2.10");
@@ -77,8 +77,9 @@ TEST(TablesRecords, PeerAddressTextFollowsTheFamily) {
     EXPECT_EQ(a.family, static_cast<uint32_t>(AF_INET6));
     EXPECT_EQ(std::memcmp(&a.ipv6, &p6.ipv6, 16), 0);
     // Any family but IPv4 prints the IPv6 field.
-    PeerRecord odd = peerV6("2001:db8::7", 0);
-    odd.family = AF_UNIX;
+    PeerFields odd_fields = peerV6("2001:db8::7", 0);
+    odd_fields.family = AF_UNIX;
+    PeerRecord odd{odd_fields};
     c.setPeer(&odd);
     EXPECT_EQ(c.peerAddressText(), "2001:db8::7");
 }
@@ -126,7 +127,7 @@ TEST(TablesRecords, TrafficCountersAddUpAndReadTogether) {
 }
 
 TEST(TablesRecords, SamePeerNeedsFamilyVlanAndWholeAddress) {
-    PeerRecord current = peerV4("192.0.2.10", 20);
+    PeerRecord current{peerV4("192.0.2.10", 20)};
     ClientRecord c(kMac);
     EXPECT_FALSE(c.isSamePeer(current)) << "no peer is never the same";
     c.setPeer(&current);
@@ -135,28 +136,29 @@ TEST(TablesRecords, SamePeerNeedsFamilyVlanAndWholeAddress) {
     EXPECT_FALSE(c.isSamePeer(peerV4("192.0.2.11", 20)));
 
     // An IPv6 candidate whose bytes match the IPv4 address is still another peer.
-    PeerRecord look_alike = peerV6("c000:20a::", 20);
+    PeerFields look_alike = peerV6("c000:20a::", 20);
     look_alike.ipv4 = current.ipv4;
     EXPECT_FALSE(c.isSamePeer(look_alike));
 
-    PeerRecord current6 = peerV6("2001:db8::5", 20);
+    PeerRecord current6{peerV6("2001:db8::5", 20)};
     c.setPeer(&current6);
     EXPECT_TRUE(c.isSamePeer(peerV6("2001:db8::5", 20)));
     EXPECT_FALSE(c.isSamePeer(peerV6("2001:db8::6", 20))) << "last byte differs";
     EXPECT_FALSE(c.isSamePeer(peerV6("2001:db8::5", 0)));
-    PeerRecord v4_candidate = peerV4("192.0.2.10", 20);
+    PeerFields v4_candidate = peerV4("192.0.2.10", 20);
     v4_candidate.ipv6 = current6.ipv6;
     EXPECT_FALSE(c.isSamePeer(v4_candidate));
 
     // Other families are never the same, even field for field.
-    PeerRecord odd = peerV4("192.0.2.10", 20);
-    odd.family = AF_UNIX;
+    PeerFields odd_fields = peerV4("192.0.2.10", 20);
+    odd_fields.family = AF_UNIX;
+    PeerRecord odd{odd_fields};
     c.setPeer(&odd);
-    EXPECT_FALSE(c.isSamePeer(odd));
+    EXPECT_FALSE(c.isSamePeer(odd_fields));
 }
 
 TEST(TablesRecords, AttachListsTheClientAndRebuildsTheKeys) {
-    PeerRecord peer = peerV4("192.0.2.10", 20);
+    PeerRecord peer{peerV4("192.0.2.10", 20)};
     ClientRecord a(kMac);
     a.setKey(7);
     a.setVlan(20);
@@ -172,7 +174,7 @@ TEST(TablesRecords, AttachListsTheClientAndRebuildsTheKeys) {
 }
 
 TEST(TablesRecords, FlagsOffReadAsZeroInTheKeys) {
-    PeerRecord peer = peerV4("192.0.2.10", 20);
+    PeerRecord peer{peerV4("192.0.2.10", 20)};
     ClientRecord c(kMac);
     c.setKey(7);
     c.setVlan(20);
@@ -182,7 +184,7 @@ TEST(TablesRecords, FlagsOffReadAsZeroInTheKeys) {
 }
 
 TEST(TablesRecords, CrossedPairsOfTwoClientsListOnlyTheFirst) {
-    PeerRecord peer = peerV4("192.0.2.10", 20);
+    PeerRecord peer{peerV4("192.0.2.10", 20)};
     ClientRecord a(kMac), b(kMac);
     a.setVlan(10);
     a.setKey(5);
@@ -195,14 +197,32 @@ TEST(TablesRecords, CrossedPairsOfTwoClientsListOnlyTheFirst) {
     EXPECT_EQ(listed(peer), (std::vector<VlanKey>{{5, 10}}));
 }
 
-TEST(TablesRecords, DetachRemovesEveryListingAndLeavesThePeerEmpty) {
-    PeerRecord peer = peerV4("192.0.2.10", 20);
+TEST(TablesRecords, AttachingAgainListsOnceAtTheEnd) {
+    PeerRecord peer{peerV4("192.0.2.10", 20)};
+    PeerRecord other{peerV4("192.0.2.11", 20)};
+    ClientRecord a(kMac), b(kMac);
+    a.setKey(9);
+    a.attachClient(&peer);
+    b.attachClient(&peer);
+    EXPECT_EQ(listed(peer), (std::vector<VlanKey>{{0, 9}}));
+    a.attachClient(&peer);
+    EXPECT_EQ(peer.clients, (std::vector<ClientRecord*>{&b, &a}));
+    // (0, 0) now comes first and refuses (0, 9), which shares its VLAN.
+    EXPECT_EQ(listed(peer), (std::vector<VlanKey>{{0, 0}}));
+    a.attachClient(&other);
+    EXPECT_EQ(a.peer, &other);
+    EXPECT_EQ(peer.clients, (std::vector<ClientRecord*>{&b}));
+    EXPECT_EQ(other.clients, (std::vector<ClientRecord*>{&a}));
+    EXPECT_EQ(listed(other), (std::vector<VlanKey>{{0, 9}}));
+}
+
+TEST(TablesRecords, DetachUnlistsTheClientAndLeavesThePeerEmpty) {
+    PeerRecord peer{peerV4("192.0.2.10", 20)};
     ClientRecord a(kMac), b(kMac);
     a.setKey(9);
     b.attachClient(&peer);
     a.attachClient(&peer);
-    a.attachClient(&peer);  // listed twice
-    EXPECT_EQ(peer.clients, (std::vector<ClientRecord*>{&b, &a, &a}));
+    EXPECT_EQ(peer.clients, (std::vector<ClientRecord*>{&b, &a}));
     a.detachClient();
     EXPECT_EQ(a.peer, nullptr);
     EXPECT_EQ(peer.clients, (std::vector<ClientRecord*>{&b}));
@@ -215,8 +235,8 @@ TEST(TablesRecords, DetachRemovesEveryListingAndLeavesThePeerEmpty) {
 }
 
 TEST(TablesRecords, AssociateMovesTheClientAndSetsItsFlags) {
-    PeerRecord from = peerV4("192.0.2.10", 20);
-    PeerRecord to = peerV4("192.0.2.11", 20);
+    PeerRecord from{peerV4("192.0.2.10", 20)};
+    PeerRecord to{peerV4("192.0.2.11", 20)};
     ClientRecord c(kMac);
     c.setKey(3);
     c.setMappedVlan(44);
@@ -246,17 +266,20 @@ TEST(TablesRecords, AssociateMovesTheClientAndSetsItsFlags) {
     EXPECT_TRUE(to.clients.empty());
 }
 
-TEST(TablesRecords, PeerSnapshotCopiesTheCurrentPeer) {
-    PeerRecord peer = peerV6("2001:db8::5", 7);
-    peer.firstSeen = 1234;
-    peer.relayMark = 1;
-    peer.peerId = 0xb80d01200007u;
+TEST(TablesRecords, PeerSnapshotCopiesTheCurrentPeersFields) {
+    PeerFields fields = peerV6("2001:db8::5", 7);
+    fields.firstSeen = 1234;
+    fields.relayMark = 1;
+    fields.peerId = 0xb80d01200007u;
+    PeerRecord peer{fields};
     ClientRecord a(kMac), b(kMac);
     a.setVlan(7);
     a.attachClient(&peer);
     b.attachClient(&peer);
+    // (0, 0) shares its key with (7, 0): one pair.
+    EXPECT_EQ(listed(peer), (std::vector<VlanKey>{{7, 0}}));
 
-    PeerRecord copy;
+    PeerFields copy;
     ASSERT_TRUE(a.peerSnapshot(copy));
     EXPECT_EQ(copy.vlan, 7);
     EXPECT_EQ(copy.family, static_cast<uint32_t>(AF_INET6));
@@ -264,18 +287,10 @@ TEST(TablesRecords, PeerSnapshotCopiesTheCurrentPeer) {
     EXPECT_EQ(copy.firstSeen, 1234);
     EXPECT_EQ(copy.relayMark, 1);
     EXPECT_EQ(copy.peerId, 0xb80d01200007u);
-    EXPECT_EQ(copy.clients, (std::vector<ClientRecord*>{&a, &b}));
-    // (0, 0) shares its key with (7, 0): one pair.
-    EXPECT_EQ(listed(copy), (std::vector<VlanKey>{{7, 0}}));
-
-    // A deep copy: later changes of the peer leave it alone.
-    b.detachClient();
-    EXPECT_EQ(copy.clients.size(), 2u);
-    EXPECT_EQ(peer.clients.size(), 1u);
 }
 
 TEST(TablesRecords, RouteReadsPeerAndFlagsAtOnce) {
-    PeerRecord peer = peerV4("192.0.2.10", 20);
+    PeerRecord peer{peerV4("192.0.2.10", 20)};
     peer.relayMark = 1;
     ClientRecord c(kMac);
     c.associate(&peer, Association{true, 7, 20, 0});
@@ -292,7 +307,7 @@ TEST(TablesRecords, RouteReadsPeerAndFlagsAtOnce) {
 }
 
 TEST(TablesRecords, ACopiedClientHasEveryFieldAndAFreshMutex) {
-    PeerRecord peer = peerV4("192.0.2.10", 20);
+    PeerRecord peer{peerV4("192.0.2.10", 20)};
     ClientRecord c(kMac);
     c.associate(&peer, Association{true, 7, 20, 30});
     c.addTraffic(1, 2, 3, 4);
@@ -317,18 +332,17 @@ TEST(TablesRecords, ACopiedClientHasEveryFieldAndAFreshMutex) {
     EXPECT_EQ(peer.clients, (std::vector<ClientRecord*>{&c})) << "a copy is not listed";
 }
 
-TEST(TablesRecords, ACopiedPeerOwnsItsListsAndMutex) {
-    PeerRecord peer = peerV4("192.0.2.10", 20);
-    ClientRecord c(kMac);
-    c.attachClient(&peer);
-    PeerRecord copy(peer);
-    std::lock_guard held(peer.mutex);
-    EXPECT_TRUE(copy.mutex.try_lock());
-    copy.mutex.unlock();
-    copy.clients.clear();
-    copy.vlanKeys.clear();
-    EXPECT_EQ(peer.clients.size(), 1u);
-    EXPECT_EQ(peer.vlanKeys.size(), 1u);
+TEST(TablesRecords, APeerMadeFromFieldsHasThemAndNoClients) {
+    PeerFields fields = peerV4("192.0.2.10", 20);
+    fields.relayMark = 1;
+    fields.peerId = 42;
+    PeerRecord peer{fields};
+    EXPECT_EQ(peer.vlan, 20);
+    EXPECT_EQ(peer.ipv4.s_addr, fields.ipv4.s_addr);
+    EXPECT_EQ(peer.relayMark, 1);
+    EXPECT_EQ(peer.peerId, 42u);
+    EXPECT_TRUE(peer.clients.empty());
+    EXPECT_TRUE(peer.vlanKeys.empty());
 }
 
 }  // namespace

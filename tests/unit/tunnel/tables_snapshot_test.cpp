@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "learning_support.h"
@@ -15,8 +16,8 @@ namespace {
 using test::v4;
 using test::v6;
 
-PeerRecord candidate(const char* address, uint16_t vlan) {
-    PeerRecord p;
+PeerFields candidate(const char* address, uint16_t vlan) {
+    PeerFields p;
     p.family = AF_INET;
     p.ipv4 = v4(address);
     p.vlan = vlan;
@@ -24,7 +25,7 @@ PeerRecord candidate(const char* address, uint16_t vlan) {
     return p;
 }
 
-std::vector<uint64_t> ids(const std::vector<PeerRecord>& peers) {
+std::vector<uint64_t> ids(const std::vector<PeerFields>& peers) {
     std::vector<uint64_t> out;
     for (const auto& p : peers) out.push_back(p.peerId);
     std::sort(out.begin(), out.end());
@@ -35,15 +36,16 @@ TEST(TablesSnapshot, APeerIsInsertedOnceAndKeepsItsFirstFields) {
     Tables tables;
     bool inserted = false;
     size_t total = 0;
-    PeerRecord first = candidate("192.0.2.10", 20);
+    PeerFields first = candidate("192.0.2.10", 20);
     first.firstSeen = 100;
     first.relayMark = 1;
     PeerRecord* a = tables.insertPeer(first, inserted, total);
     EXPECT_TRUE(inserted);
     EXPECT_EQ(total, 1u);
-    EXPECT_NE(a, &first) << "the table holds its own copy";
+    EXPECT_EQ(a->firstSeen, 100);
+    EXPECT_TRUE(a->clients.empty());
 
-    PeerRecord again = candidate("192.0.2.10", 20);
+    PeerFields again = candidate("192.0.2.10", 20);
     again.firstSeen = 200;
     PeerRecord* b = tables.insertPeer(again, inserted, total);
     EXPECT_FALSE(inserted);
@@ -71,10 +73,10 @@ TEST(TablesSnapshot, TheReportSeesEveryPeerAndTheFloodOnlyItsVlan) {
     Tables tables;
     bool inserted = false;
     size_t total = 0;
-    const PeerRecord a = candidate("192.0.2.10", 20);
-    const PeerRecord b = candidate("192.0.2.11", 20);
-    const PeerRecord c = candidate("192.0.2.10", 30);
-    const PeerRecord d = candidate("192.0.2.12", 65535);  // a key used as VLAN
+    const PeerFields a = candidate("192.0.2.10", 20);
+    const PeerFields b = candidate("192.0.2.11", 20);
+    const PeerFields c = candidate("192.0.2.10", 30);
+    const PeerFields d = candidate("192.0.2.12", 65535);  // a key used as VLAN
     for (const auto* p : {&a, &b, &c, &d}) tables.insertPeer(*p, inserted, total);
 
     EXPECT_EQ(ids(tables.peers()), ids({a, b, c, d}));
@@ -88,22 +90,59 @@ TEST(TablesSnapshot, TheReportSeesEveryPeerAndTheFloodOnlyItsVlan) {
     EXPECT_EQ(tables.peerCount(), 4u);
 }
 
-TEST(TablesSnapshot, PeerCopiesCarryTheirClientsAndKeys) {
+// "peer/pair" for each flood copy, in the order given.
+std::vector<std::string> copiesOf(const std::vector<FloodCopy>& copies) {
+    std::vector<std::string> out;
+    for (const FloodCopy& copy : copies) {
+        out.push_back(std::string(copy.peer.address().text()) + "/" +
+                      std::to_string(copy.pair.vlan) + "," + std::to_string(copy.pair.key));
+    }
+    return out;
+}
+
+TEST(TablesSnapshot, FloodCopiesAreOnePerPeerAndPairOfTheVlan) {
     Tables tables;
     bool inserted = false;
     size_t total = 0;
-    PeerRecord* peer = tables.insertPeer(candidate("192.0.2.10", 20), inserted, total);
-    const uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-    ClientRecord* client =
-        tables.insertClient(clientKeyOf(mac, 20), std::make_unique<ClientRecord>(mac), inserted);
-    client->associate(peer, Association{true, 7, 20, 0});
+    PeerFields fields = candidate("192.0.2.10", 20);
+    fields.relayMark = 1;
+    PeerRecord* a = tables.insertPeer(fields, inserted, total);
+    PeerRecord* b = tables.insertPeer(candidate("192.0.2.11", 20), inserted, total);
+    PeerRecord* c = tables.insertPeer(candidate("192.0.2.12", 30), inserted, total);
+    tables.insertPeer(candidate("192.0.2.13", 20), inserted, total);  // no clients, no copy
+    const auto join = [&](uint8_t last, PeerRecord* peer, Association what) {
+        const uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, last};
+        ClientRecord* client = tables.insertClient(clientKeyOf(mac, 20),
+                                                   std::make_unique<ClientRecord>(mac), inserted);
+        client->associate(peer, what);
+    };
+    join(1, a, Association{true, 7, 20, 0});
+    join(2, a, Association{true, 9, 30, 0});
+    join(3, a, Association{true, 8, 25, 0});  // below (30, 9), above (20, 7)
+    join(4, a, Association{true, 7, 21, 0});  // shares its key with (20, 7): no copy
+    join(5, b, Association{});
+    join(6, c, Association{true, 1, 30, 0});
 
-    const auto flood = tables.floodPeers(20);
-    ASSERT_EQ(flood.size(), 1u);
-    EXPECT_EQ(flood[0].clients, (std::vector<ClientRecord*>{client}));
-    EXPECT_EQ((std::vector<VlanKey>(flood[0].vlanKeys.begin(), flood[0].vlanKeys.end())),
-              (std::vector<VlanKey>{{20, 7}}));
-    EXPECT_EQ(flood[0].ipv4.s_addr, v4("192.0.2.10").s_addr);
+    auto copies = tables.floodCopies(20);
+    // Each peer's copies come together, in its set's order; the peers'
+    // order is the table's.
+    const std::vector<std::string> of_a = {"192.0.2.10/20,7", "192.0.2.10/25,8", "192.0.2.10/30,9"};
+    const std::vector<std::string> of_b = {"192.0.2.11/0,0"};
+    const auto listed = copiesOf(copies);
+    ASSERT_EQ(listed.size(), 4u);
+    if (listed[0] == of_b[0]) {
+        EXPECT_EQ(std::vector<std::string>(listed.begin() + 1, listed.end()), of_a);
+    } else {
+        EXPECT_EQ(std::vector<std::string>(listed.begin(), listed.begin() + 3), of_a);
+        EXPECT_EQ(listed[3], of_b[0]);
+    }
+    for (const FloodCopy& copy : copies) {
+        EXPECT_EQ(copy.peer.relayMark, copy.peer.peerId == fields.peerId ? 1 : 0);
+        EXPECT_EQ(copy.peer.vlan, 20);
+    }
+    EXPECT_EQ(copiesOf(tables.floodCopies(30)), std::vector<std::string>{"192.0.2.12/30,1"});
+    EXPECT_TRUE(tables.floodCopies(40).empty());
+    EXPECT_TRUE(tables.floodCopies(65535).empty()) << "65535 and above flood nowhere";
 }
 
 TEST(TablesSnapshot, ClientsAreFoundByMacAndPolicyVlan) {
@@ -162,7 +201,7 @@ TEST(TablesSnapshot, TheRelayFindsTheClientsPeer) {
     Tables tables;
     bool inserted = false;
     size_t total = 0;
-    PeerRecord c6;
+    PeerFields c6;
     c6.family = AF_INET6;
     c6.ipv6 = v6("2001:db8::5");
     c6.vlan = 20;
@@ -176,7 +215,7 @@ TEST(TablesSnapshot, TheRelayFindsTheClientsPeer) {
     tables.insertClient(clientKeyOf(lonely, 20), std::make_unique<ClientRecord>(lonely), inserted);
     client->attachClient(peer);
 
-    PeerRecord out;
+    PeerFields out;
     ASSERT_TRUE(tables.relayPeer(mac, 20, out));
     EXPECT_EQ(out.family, static_cast<uint32_t>(AF_INET6));
     EXPECT_EQ(std::memcmp(&out.ipv6, &c6.ipv6, 16), 0);
