@@ -18,6 +18,7 @@ constexpr long kMinMtu = 72;
 constexpr long kMaxMtu = 1500;
 // The read is bounded by the space behind the headroom.
 constexpr uint16_t kReadSize = TAP::kBufferSize - TAP::kHeadroom;
+constexpr long kEthernetHeader = 14;
 
 }  // namespace
 
@@ -25,7 +26,8 @@ ssize_t (*TAP::write_call)(int, const void*, size_t) = ::write;
 
 TAP::TAP(Logger* logger, const char* interface)
     : logger(logger),
-      buffer(std::make_unique_for_overwrite<uint8_t[]>(size_t{kBufferSize} * kMaxBatch)),
+      // One byte more than the slots: see readBatch.
+      buffer(std::make_unique_for_overwrite<uint8_t[]>(size_t{kBufferSize} * kMaxBatch + 1)),
       batch_limit(kMaxBatch),
       ring(WriteRing::open()),
       interface_argument(interface) {
@@ -36,6 +38,12 @@ TAP::TAP(Logger* logger, const char* interface)
     mtu_value = opened.mtu;
     fd = std::move(opened.fd);
     VXBRD_LOG(*logger, Notice, "%s mtu: %ld", name_text, mtu_value);
+    if (mtu_value + kEthernetHeader > kReadSize) {
+        VXBRD_LOG(*logger, Warning,
+                  "%s mtu %ld exceeds the read buffer: frames up to %u bytes are carried, "
+                  "longer ones are dropped",
+                  name_text, mtu_value, static_cast<unsigned>(kReadSize));
+    }
     VXBRD_LOG(*logger, Notice, "%s ready", name_text);
 }
 
@@ -58,19 +66,24 @@ std::array<uint8_t, 6> TAP::mac() const {
     return out;
 }
 
+// Each read asks for one byte more than the slot holds: a device hands a
+// frame longer than the read only in part, and the extra byte is how such a
+// frame shows. It lands in the next slot's headroom (or the byte behind the
+// last slot) before that slot is read into; the cut frame is dropped with a
+// line and its slot read again.
 unsigned TAP::readBatch(std::span<pdu::PDU> frames) {
     const unsigned limit = std::min<unsigned>(batch_limit, static_cast<unsigned>(frames.size()));
     unsigned count = 0;
-    for (; count < limit; ++count) {
+    while (count < limit) {
         uint8_t* const slot = buffer.get() + size_t{count} * kBufferSize;
         uint8_t* const frame = slot + kHeadroom;
         ssize_t got;
         if (count == 0) {
-            got = ::read(fd.get(), frame, kReadSize);
+            got = ::read(fd.get(), frame, size_t{kReadSize} + 1);
             if (got < 0) failCall(logger, name_text, "read()");
         } else {
             if (!nowait_reads) break;
-            got = platform::readIfQueued(fd.get(), frame, kReadSize);
+            got = platform::readIfQueued(fd.get(), frame, size_t{kReadSize} + 1);
             if (got < 0) {
                 // Nothing more queued (or the device cannot say): the batch
                 // ends here; a real failure is met by the next blocking read.
@@ -78,11 +91,15 @@ unsigned TAP::readBatch(std::span<pdu::PDU> frames) {
                 break;
             }
         }
-        // Cannot trigger with a bounded read; kept as a guard on the 16-bit offsets.
+        if (got > kReadSize) {
+            VXBRD_LOG(*logger, Notice, "%s: frame longer than %u bytes dropped", name_text,
+                      static_cast<unsigned>(kReadSize));
+            continue;
+        }
         const auto n = static_cast<uint16_t>(got);
-        if (n > kReadSize) throw pdu::kInvalid;
         frames[count] =
             pdu::PDU{slot, kBufferSize, kHeadroom, static_cast<uint16_t>(kHeadroom + n), {0, 0}};
+        ++count;
     }
     return count;
 }
