@@ -14,14 +14,21 @@
 // IPv4 header as the IPv4 endpoint delivers it (or at offset 0, as the IPv6
 // endpoint does), so any read past it is an AddressSanitizer report.
 //
-// The tables persist across inputs, so that later datagrams meet known peers
-// and clients (relay replies find their clients); they are replaced by a
-// fresh instance every kTableLife inputs to keep memory bounded.
+// Each fresh set of tables knows two relay targets, so that a relay reply
+// finds peers and clients from the first input on: 192.0.2.50 with client
+// 02:00:5e:00:00:0a untagged and client 02:00:5e:00:00:0b on VLAN 20 with
+// key 9, and 2001:db8::50 with client 02:00:5e:00:00:0c on VLAN 20. The
+// tables persist across inputs, so that later datagrams meet the peers and
+// clients earlier ones taught; they are replaced by a fresh instance every
+// kTableLife inputs to keep memory bounded.
+//
+// Datagrams up to the largest an endpoint delivers (run with
+// -max_len=65535), so that frames forwarded upstream are copied whole and
+// frames relayed above the tunnel's size limit are fragmented
+// (nextFragment); the seeds include both.
 //
 // Skipped: SYN segments whose TCP options hold a zero-length option of
-// unknown kind. The MSS clamp never returns on those, which the daemon
-// accepts and does not guard against; spinsInClamp() finds them the way the
-// clamp walks.
+// unknown kind (see clamp_spin.h).
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -32,9 +39,11 @@
 #include <vector>
 
 #include "pdu/PDU.h"
+#include "tests/fuzz/clamp_spin.h"
 #include "tests/unit/tunnel/recording_support.h"
 #include "tunnel/Context.h"
 #include "tunnel/Ingress.h"
+#include "tunnel/Learning.h"
 
 namespace {
 
@@ -42,7 +51,8 @@ using lumora::pdu::load16;
 using namespace lumora;
 
 constexpr size_t kControlBytes = 3;
-constexpr size_t kMaxDatagram = 16384;
+// The largest datagram whose buffer, outer header included, a PDU can span.
+constexpr size_t kMaxDatagram = 65535 - 60;
 constexpr int kTableLife = 256;
 constexpr uint8_t kModes[] = {Ignore, Reject, Require, VlanMap, PreferKey, PreferVlan, 3};
 constexpr uint16_t kTapVlans[] = {0, 2, 20, 30, 40, 100, 4095};
@@ -53,8 +63,7 @@ constexpr const char* kSendersV6[] = {"2001:db8::7", "2001:db8::8", "2001:db8:1:
 constexpr uint16_t kOffsets[] = {20, 24, 40, 60};
 
 // Whether the MSS clamp would spin on this datagram's frame, were the frame
-// to reach it: an IPv4 TCP segment with SYN and without ACK, not a fragment,
-// whose option walk meets a zero-length option of a kind other than 0, 1, 2.
+// to reach it (ingress clamps SYN segments without ACK).
 bool spinsInClamp(const uint8_t* gre, size_t size) {
     if (size < 4) return false;
     size_t header = 4;
@@ -62,40 +71,14 @@ bool spinsInClamp(const uint8_t* gre, size_t size) {
         if (gre[0] & bit) header += 4;
     if (size < header + 14) return false;
     const uint8_t* frame = gre + header;
-    size_t length = size - header;
+    const size_t length = size - header;
     // The tag comes off first: the frame is viewed as MACs + what follows it.
     size_t type_at = 12;
     if (load16(frame + 12) == 0x8100) {
         if (length < 22) return false;
         type_at = 16;
     }
-    if (load16(frame + type_at) != 0x0800) return false;
-    const uint8_t* ip = frame + type_at + 2;
-    const size_t ip_length = length - (type_at + 2);
-    if (ip_length < 20) return false;
-    const size_t ihl = (ip[0] & 0x0f) * 4u;
-    if (ihl < 20 || ihl > ip_length || ip[9] != 6 || (load16(ip + 6) & 0x3fff) != 0) return false;
-    const uint8_t* tcp = ip + ihl;
-    const size_t tcp_length = ip_length - ihl;
-    if (tcp_length < 20 || tcp[12] < 0x50 || (tcp[12] >> 4) * 4u > tcp_length) return false;
-    if ((tcp[13] & 0x02) == 0 || (tcp[13] & 0x10) != 0) return false;
-    const unsigned end = (tcp[12] >> 2) & 0x3c;
-    unsigned at = 20;
-    while (at < end) {
-        const uint8_t kind = tcp[at];
-        if (kind == 0) return false;
-        if (kind == 1) {
-            ++at;
-            continue;
-        }
-        if (at + 1 >= end) return false;
-        const uint8_t option_length = tcp[at + 1];
-        if (at + option_length > end) return false;
-        if (kind == 2 && option_length != 4) return false;
-        if (option_length == 0) return true;
-        at += option_length;
-    }
-    return false;
+    return fuzz::clampSpins(frame, length, type_at, false);
 }
 
 struct Harness {
@@ -121,10 +104,33 @@ struct Harness {
         fresh();
     }
 
+    void see(const char* sender, bool ipv6, uint16_t vlan, int key, uint8_t mac_last) {
+        const uint8_t mac[6] = {0x02, 0x00, 0x5e, 0x00, 0x00, mac_last};
+        Sighting s;
+        s.family = ipv6 ? AF_INET6 : AF_INET;
+        if (ipv6) {
+            s.ipv6 = test::ipv6Of(sender);
+            s.endpoint = &receiver_v6;
+        } else {
+            s.ipv4 = test::ipv4Of(sender);
+            s.endpoint = &receiver_v4;
+        }
+        s.policyVlan = vlan;
+        s.tagVlan = vlan;
+        s.hasKey = key >= 0;
+        s.key = key >= 0 ? static_cast<uint32_t>(key) : 0;
+        s.mac = mac;
+        s.frameLength = 60;
+        learn(*tables, &logger, s);
+    }
+
     void fresh() {
         tables = std::make_unique<Tables>();
         context.tables = tables.get();
         inputs = 0;
+        see("192.0.2.50", false, 0, -1, 0x0a);
+        see("192.0.2.50", false, 20, 9, 0x0b);
+        see("2001:db8::50", true, 20, -1, 0x0c);
     }
 
     static constexpr size_t kSlots = 1024;
