@@ -46,7 +46,8 @@ __attribute__((format(printf, 1, 2))) void diagnose(const char* format, ...) {
 // One line (or one 255-byte piece of a longer line) at a time.
 class LineParser {
   public:
-    LineParser(Config& cfg, const char* path) : cfg(cfg), path(path) {}
+    LineParser(Config& cfg, const char* path, ConfigNotes* notes)
+        : cfg(cfg), path(path), notes(notes) {}
 
     void parse(char* line, int number);
 
@@ -57,9 +58,12 @@ class LineParser {
     void mtuLine();
     void serverLine();
     void greKeyLine();
+    // Notes the tokens from first on as words the line's keyword never reads.
+    void noteIgnored(int first);
 
     Config& cfg;
     const char* path;
+    ConfigNotes* notes;
     int line = 0;
     const char* tokens[kMaxTokens] = {};
 };
@@ -81,22 +85,39 @@ void LineParser::parse(char* text, int number) {
         tapLine();
     } else if (std::strncmp(keyword, "vlan", 4) == 0) {
         forwardLine();
+        noteIgnored(3);
     } else if (std::strcmp(keyword, "mss") == 0) {
         mssLine();
+        noteIgnored(2);
     } else if (std::strcmp(keyword, "mtu") == 0) {
         mtuLine();
+        noteIgnored(2);
     } else if (std::strcmp(keyword, "server") == 0) {
         serverLine();
+        noteIgnored(2);
     } else if (std::strcmp(keyword, "grekey") == 0) {
         greKeyLine();
+        noteIgnored(4);
     } else if (std::strcmp(keyword, "ipchksum") == 0) {
         cfg.ipchksum = true;
+        noteIgnored(1);
+    } else if (std::strcmp(keyword, "offload-disable") == 0) {
+        cfg.offload = false;
+        noteIgnored(1);
     } else {
         diagnose("%s:%d ignoring unknown keyword \"%s\"\n", path, line, keyword);
     }
 }
 
-// TAPNAME VID [vlan-isolate-enable | parent-interface NAME | ...]
+void LineParser::noteIgnored(int first) {
+    if (notes == nullptr) return;
+    ConfigNotes::Words ignored{line, {}};
+    for (int i = first; i < kMaxTokens && tokens[i] != nullptr; ++i)
+        ignored.words.emplace_back(tokens[i]);
+    if (!ignored.words.empty()) notes->ignored_words.push_back(std::move(ignored));
+}
+
+// TAPNAME VID [vlan-isolate-enable | parent-interface NAME | offload-disable | ...]
 void LineParser::tapLine() {
     const char* name = tokens[0];
     if (tokens[1] == nullptr) {
@@ -118,11 +139,14 @@ void LineParser::tapLine() {
     const auto vid = static_cast<uint16_t>(vid_value == 1 ? 0 : vid_value);
 
     bool isolate = false;
+    bool offload = true;
     const char* parent = nullptr;
     for (int i = 2; i < kMaxTokens && tokens[i] != nullptr; ++i) {
         const char* option = tokens[i];
         if (std::strcmp(option, "vlan-isolate-enable") == 0) {
             isolate = true;
+        } else if (std::strcmp(option, "offload-disable") == 0) {
+            offload = false;
         } else if (std::strcmp(option, "parent-interface") == 0) {
             // The last token slot has no room for the argument: an internal
             // limit of this reader, not an operator error, so it stops hard.
@@ -138,11 +162,17 @@ void LineParser::tapLine() {
             }
         } else {
             diagnose("%s:%d ignoring unknown interface option \"%s\"\n", path, line, option);
+            if (notes != nullptr) {
+                if (notes->ignored_words.empty() || notes->ignored_words.back().line != line)
+                    notes->ignored_words.push_back({line, {}});
+                notes->ignored_words.back().words.emplace_back(option);
+            }
         }
     }
 
     cfg.vlans.set(vid);
-    cfg.interfaces.push_back(InterfaceConfig{name, vid, isolate});
+    cfg.interfaces.push_back(InterfaceConfig{name, vid, isolate, offload});
+    if (notes != nullptr) notes->taps.push_back({line, tokens[1]});
     if (parent != nullptr) parent_interfaces[name] = parent;
 }
 
@@ -181,6 +211,7 @@ void LineParser::forwardLine() {
         cfg.forward_servers[static_cast<uint16_t>(vid)] = ForwardServer{server};
         cfg.forward_vlans.set(vid);
         cfg.vlans.set(vid);
+        if (notes != nullptr) notes->forward_lines[static_cast<uint16_t>(vid)] = line;
     } else if (matches(address, ipv6Pattern())) {
         // The upstream gateways speak IPv4 only: the address is checked and
         // then dropped, so the line configures nothing.
@@ -190,6 +221,7 @@ void LineParser::forwardLine() {
             diagnose("%s:%d invalid IPv6 address '%s'\n", path, line, address);
             fail();
         }
+        if (notes != nullptr) notes->dropped_forwards.push_back({line, vid_text, address});
     } else {
         diagnose("%s:%d invalid IPv4 or IPv6 address '%s'\n", path, line, address);
         fail();
@@ -289,6 +321,10 @@ void LineParser::greKeyLine() {
         diagnose("%s:%d Unknown extra GRE Key argument '%s'\n", path, line, key);
         fail();
     }
+    if (notes != nullptr) {
+        notes->gre_key_line = line;
+        notes->gre_key_text = cfg.gre_key_mode == Require ? key : "";
+    }
 }
 
 // Closes the file however parsing ends.
@@ -324,7 +360,9 @@ bool parseServerAddress(const char* text, in_addr& ipv4, in6_addr& ipv6, uint8_t
     return false;
 }
 
-void parse_config(Config& cfg, const char* path) {
+void parse_config(Config& cfg, const char* path) { parse_config(cfg, path, nullptr); }
+
+void parse_config(Config& cfg, const char* path, ConfigNotes* notes) {
     FILE* file = std::fopen(path, "r");
     if (file == nullptr) {
         const int error = errno;
@@ -335,9 +373,13 @@ void parse_config(Config& cfg, const char* path) {
 
     // Parsing runs on the main thread before any other thread exists, so
     // strtok's hidden state is not shared with anybody.
-    LineParser parser(cfg, path);
+    LineParser parser(cfg, path, notes);
     char text[kLineBuffer];
+    bool continues = false;
     for (int number = 1; std::fgets(text, sizeof text, file) != nullptr; ++number) {
+        if (continues && notes != nullptr) notes->continued_lines.push_back(number);
+        // A piece without its newline is followed by the rest of its line.
+        continues = std::strchr(text, '\n') == nullptr;
         parser.parse(text, number);
     }
 }

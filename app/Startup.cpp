@@ -17,8 +17,10 @@
 #include "app/CommandLine.h"
 #include "app/ConfigParser.h"
 #include "app/Daemon.h"
+#include "app/ServiceNotify.h"
 #include "app/StartupSteps.h"
 #include "app/Version.h"
+#include "app/idle_platform.h"
 #include "app/interfaces.h"
 #include "app/privileges.h"
 #include "control/ControlSocket.h"
@@ -182,7 +184,7 @@ void openTapEndpoints(Logger& logger, Threads& threads) {
         vif::TAP* endpoint = nullptr;
         try {
             // The name lives in the configuration, which outlives the endpoint.
-            endpoint = new vif::TAP(&logger, tap.name.c_str());
+            endpoint = new vif::TAP(&logger, tap.name.c_str(), config.offload && tap.offload);
         } catch (int) {
             VXBRD_LOG(logger, Error, "Critical error - cannot open TAP interface. Exiting.");
             std::exit(-1);
@@ -240,8 +242,21 @@ int daemonMain(int argc, char** argv) {
     // Every endpoint is open: main needs no privilege from here on either.
     giveUpPrivileges(logger);
 
-    // The threads do the work; main only has to stay alive.
-    for (;;) usleep(1000);
+    // The threads do the work; main only has to stay alive, out of their
+    // way (the idle class; refused, it sleeps as before), and tell a service
+    // manager that asked (NOTIFY_SOCKET) that every endpoint is open and
+    // every thread runs, then how many peers and clients there are.
+    platform::moveThisThreadToIdleClass();
+    Tables& tables = Tables::process();
+    ServiceStatus status;
+    const int notified =
+        status.ready(tables.peerCount(), tables.clientCount(), ServiceStatus::Clock::now());
+    if (notified > 0) VXBRD_LOG(logger, Warning, "NOTIFY_SOCKET: %s", std::strerror(notified));
+    for (;;) {
+        usleep(1000);
+        const auto now = ServiceStatus::Clock::now();
+        if (status.due(now)) status.update(tables.peerCount(), tables.clientCount(), now);
+    }
 }
 
 }  // namespace lumora

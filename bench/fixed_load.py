@@ -52,7 +52,7 @@ def main() -> int:
         raise SystemExit("run as root: it builds network namespaces")
     rates = [float(r) for r in options.rates.split(",") if r]
     bench_options = types.SimpleNamespace(
-        build=options.build, nice=options.nice, subject_lifetime=600,
+        build=options.build, nice=options.nice, subject_lifetime=600, before=None,
         trial_seconds=options.seconds, settle=0.15, verbose=False)
     os.sched_setaffinity(0, {1})
     bench = tb.Bench(bench_options)

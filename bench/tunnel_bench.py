@@ -30,7 +30,6 @@ Nothing here is a test: it measures and prints a Markdown table. Every
 namespace it creates is named after its pid and removed at the end, also on
 failure or Ctrl-C; every process it starts is ended by its pid.
 """
-
 from __future__ import annotations
 
 import argparse
@@ -44,145 +43,15 @@ import subprocess
 import sys
 import tempfile
 import time
-from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Callable, Optional
+from typing import Optional
 
-HUB_IP, AP_IP = "192.0.2.1", "192.0.2.2"
-HUB_MAC, AP_MAC = "02:00:00:00:0a:01", "02:00:00:00:0a:02"
-CLIENT_MAC = "02:00:00:00:0b:01"  # bench_traffic's inner source (the client)
-TAG_VLAN, GRE_KEY = 20, 7
-LOSS_LIMIT = 0.001
-SUBJECTS = ("daemon", "relay", "duplex", "batched")
-RELAY_KINDS = {"relay": "minimal", "duplex": "duplex", "batched": "batched"}
-VARIANTS = {"plain": (0, -1), "tag+key": (TAG_VLAN, GRE_KEY)}  # inner tag VLAN, key
-
-
-def log(text: str) -> None:
-    print(text, file=sys.stderr, flush=True)
-
-
-def run(args: list[str], timeout: float = 30.0, check: bool = True) -> str:
-    done = subprocess.run(args, capture_output=True, text=True, timeout=timeout)
-    if check and done.returncode != 0:
-        raise RuntimeError(f"{' '.join(args)}: exit {done.returncode}: {done.stderr.strip()}")
-    return done.stdout
-
-
-# ---------------------------------------------------------------- topology
-
-class Namespaces:
-    """Network namespaces named <tag><suffix>; everything in them goes with them."""
-
-    def __init__(self, tag: str):
-        self.tag = tag
-        self.created: list[str] = []
-        self.processes: list[subprocess.Popen] = []
-
-    def add(self, suffix: str) -> str:
-        name = self.tag + suffix
-        run(["ip", "netns", "add", name])
-        self.created.append(name)
-        # No IPv6: no router or neighbour solicitations among the counted packets.
-        self.sh(name, "sysctl -qw net.ipv6.conf.all.disable_ipv6=1 "
-                      "net.ipv6.conf.default.disable_ipv6=1")
-        self.ip(name, "link", "set", "lo", "up")
-        return name
-
-    def ip(self, ns: str, *args: str) -> str:
-        return run(["ip", "-n", ns, *args])
-
-    def sh(self, ns: str, script: str, timeout: float = 30.0) -> str:
-        return run(["ip", "netns", "exec", ns, "sh", "-c", script], timeout=timeout)
-
-    def start(self, args: list[str], output: Path) -> subprocess.Popen:
-        with open(output, "wb") as sink:
-            process = subprocess.Popen(args, stdout=sink, stderr=subprocess.STDOUT,
-                                       start_new_session=True)
-        self.processes.append(process)
-        return process
-
-    def stop(self, process: subprocess.Popen) -> None:
-        if process.poll() is None:
-            process.terminate()
-            try:
-                process.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                process.kill()
-                process.wait(timeout=5)
-        if process in self.processes:
-            self.processes.remove(process)
-
-    def cleanup(self) -> None:
-        for process in list(self.processes):
-            try:
-                self.stop(process)
-            except Exception as error:  # keep cleaning
-                log(f"cleanup: {error}")
-        for name in reversed(self.created):
-            run(["ip", "netns", "del", name], check=False)
-        self.created.clear()
-
-
-def counters(spaces: Namespaces, ns: str, device: str) -> dict:
-    """The device's statistics files and the GRE sockets' drop counts."""
-    out = spaces.sh(ns, f"cd /sys/class/net/{device}/statistics && "
-                        "for f in rx_packets rx_dropped tx_packets tx_dropped; do "
-                        "echo $f $(cat $f); done; cat /proc/net/raw")
-    values = {}
-    raw_drops = 0
-    for line in out.splitlines():
-        parts = line.split()
-        if len(parts) == 2 and parts[1].isdigit():
-            values[parts[0]] = int(parts[1])
-        elif len(parts) > 12 and parts[0].endswith(":") and parts[1].endswith(":002F"):
-            raw_drops += int(parts[-1])  # sockets of protocol 47
-    values["raw_drops"] = raw_drops
-    return values
-
-
-def cpu_ns(pid: int) -> int:
-    """Time on CPU of every thread of pid, in nanoseconds (kernel's accounting)."""
-    total = 0
-    for task in os.listdir(f"/proc/{pid}/task"):
-        try:
-            with open(f"/proc/{pid}/task/{task}/schedstat") as f:
-                total += int(f.read().split()[0])
-        except FileNotFoundError:
-            pass
-    return total
-
-
-def wait_until(predicate: Callable[[], object], timeout: float, what: str) -> object:
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        value = predicate()
-        if value:
-            return value
-        time.sleep(0.02)
-    raise RuntimeError(f"timed out waiting for {what}")
-
-
-# ---------------------------------------------------------------- the bench
-
-@dataclass
-class Point:
-    direction: str  # "ingress" (GRE->tap) or "egress" (tap->GRE)
-    size: int
-    variant: str
-
-    @property
-    def label(self) -> str:
-        arrow = "GRE->tap" if self.direction == "ingress" else "tap->GRE"
-        return f"{arrow} {self.size} B {self.variant}"
-
-
-@dataclass
-class Outcome:
-    rates: list = field(default_factory=list)      # loss-free rates, pps, one per run
-    limited: list = field(default_factory=list)    # True when the generator was the limit
-    cpu: dict = field(default_factory=dict)        # load -> [ns per packet, ...]
-    cpu_loss: dict = field(default_factory=dict)   # load -> [loss, ...]
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+from bench_lab import (AP_IP, AP_MAC, DAEMONS, HUB_IP, HUB_MAC, LOSS_LIMIT, RELAY_KINDS,  # noqa: E402
+                       SUBJECTS, VARIANTS, Namespaces, Outcome, Point, context_switches,
+                       counters, cpu_ns, log, system_busy_ns,
+                       run, wait_until)
+from bench_report import latency_table, load_table, table  # noqa: E402
 
 
 class Bench:
@@ -190,6 +59,8 @@ class Bench:
         self.o = options
         build = Path(options.build).resolve()
         self.vxbrd = str(build / "vxbrd")
+        # An earlier build of the daemon, measured as one more subject.
+        self.before = str(Path(options.before).resolve()) if options.before else ""
         self.traffic = str(build / "bench" / "bench_traffic")
         self.relay = str(build / "bench" / "bench_relay")
         for path in (self.vxbrd, self.traffic, self.relay):
@@ -226,7 +97,8 @@ class Bench:
         vlan, key = VARIANTS[point.variant]
         name = f"{subject}-{point.direction}-{point.size}-{point.variant}"
         output = self.scratch / f"{name}.log"
-        if subject == "daemon":
+        if subject in DAEMONS:
+            binary = self.before if subject == "before" else self.vxbrd
             config = self.scratch / f"{name}.conf"
             config.write_text(f"tap0 {vlan if vlan else 1}\n")
             # A mount namespace with its own /run: the control socket path is fixed.
@@ -234,7 +106,7 @@ class Bench:
                       '"$0" -f -v -c "$1"')
             process = self.spaces.start(
                 ["ip", "netns", "exec", self.hub, "unshare", "--mount", "--propagation",
-                 "private", "--", "sh", "-c", script, self.vxbrd, str(config)], output)
+                 "private", "--", "sh", "-c", script, binary, str(config)], output)
             ready = "tap0 ready"
         else:
             kind = RELAY_KINDS[subject]
@@ -253,7 +125,7 @@ class Bench:
         wait_until(started, 10, f"{subject} to start")
         wait_until(lambda: self.comm(process.pid) in ("vxbrd", "bench_relay"), 5,
                    f"{subject} to exec")
-        if subject == "daemon" and point.direction == "egress":
+        if subject in DAEMONS and point.direction == "egress":
             self.prime(point)
         return process
 
@@ -307,9 +179,13 @@ class Bench:
                                else (self.ap, "ap0", "rx_packets"))
         before = counters(self.spaces, ns, device)
         cpu_before = cpu_ns(process.pid)
+        switches_before = context_switches(process.pid)
+        system_before = system_busy_ns()
         offered, seconds = self.generate(point.direction, point, rate, self.o.trial_seconds)
         time.sleep(self.o.settle)
         cpu_after = cpu_ns(process.pid)
+        switches_after = context_switches(process.pid)
+        system_after = system_busy_ns()
         after = counters(self.spaces, ns, device)
         if process.poll() is not None:
             raise RuntimeError(f"subject ended during a trial (exit {process.returncode})")
@@ -319,6 +195,8 @@ class Bench:
         result = {"rate": rate, "achieved": achieved, "offered": offered,
                   "delivered": delivered, "loss": loss,
                   "cpu_ns": cpu_after - cpu_before,
+                  "system_ns": system_after - system_before,
+                  "switches": switches_after - switches_before,
                   "raw_drops": after["raw_drops"] - before["raw_drops"],
                   "limited": achieved < 0.97 * rate}
         if self.o.verbose:
@@ -408,6 +286,9 @@ class Bench:
                             outcome.cpu.setdefault(load, []).append(
                                 r["cpu_ns"] / max(r["delivered"], 1))
                             outcome.cpu_loss.setdefault(load, []).append(r["loss"])
+                            packets = max(r["delivered"], 1)
+                            outcome.system.setdefault(load, []).append(r["system_ns"] / packets)
+                            outcome.wakeups.setdefault(load, []).append(r["switches"] / packets)
                     finally:
                         self.spaces.stop(process)
                     log(f"    -> {rate / 1e6:.3f} Mpps{' (generator limit)' if limited else ''}")
@@ -459,71 +340,6 @@ class Bench:
                 s.stop(daemon)
 
 
-# ---------------------------------------------------------------- the table
-
-def median_spread(values: list) -> tuple:
-    m = statistics.median(values)
-    spread = (max(values) - min(values)) / m if m else 0.0
-    return m, spread
-
-
-def rate_cell(outcome: Outcome) -> str:
-    m, spread = median_spread(outcome.rates)
-    mark = ">" if any(outcome.limited) else ""
-    return f"{mark}{m / 1e6:.3f} ±{spread * 50:.0f}%"
-
-
-def cpu_cell(outcome: Outcome, loads: list) -> str:
-    cells = []
-    for load in loads:
-        m, spread = median_spread(outcome.cpu[load])
-        lossy = "*" if statistics.median(outcome.cpu_loss[load]) > LOSS_LIMIT else ""
-        cells.append(f"{m:.0f}{lossy}")
-    return " / ".join(cells)
-
-
-def ratio(a: float, b: float) -> str:
-    return f"{a / b:.2f}" if b else "-"
-
-
-def table(points: list[Point], outcomes: dict, options) -> str:
-    loads = "/".join(f"{l / 1e3:g}k" for l in options.loads)
-    subjects = options.subjects
-    head = ["point"] + [f"{s} Mpps" for s in subjects]
-    yardsticks = [s for s in subjects if s != "daemon"]
-    head += [f"daemon/{s}" for s in yardsticks]
-    head += [f"{s} ns/pkt @{loads}" for s in subjects]
-    head += [f"CPU daemon/{s}" for s in yardsticks if s != "batched"]
-    lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
-    for p in points:
-        o = {s: outcomes[(p.label, s)] for s in subjects}
-        rate = {s: statistics.median(o[s].rates) for s in subjects}
-        row = [p.label] + [rate_cell(o[s]) for s in subjects]
-        row += [ratio(rate["daemon"], rate[s]) for s in yardsticks]
-        row += [cpu_cell(o[s], options.loads) for s in subjects]
-        row += [" / ".join(ratio(statistics.median(o["daemon"].cpu[l]),
-                                 statistics.median(o[s].cpu[l]))
-                           for l in options.loads)
-                for s in yardsticks if s != "batched"]
-        lines.append("| " + " | ".join(row) + " |")
-    return "\n".join(lines)
-
-
-def latency_table(results: dict) -> str:
-    tunnel_median = statistics.median(r[0] for r in results["tunnel"])
-    tunnel_p99 = statistics.median(r[1] for r in results["tunnel"])
-    veth_median = statistics.median(r[0] for r in results["veth"])
-    veth_p99 = statistics.median(r[1] for r in results["veth"])
-    return "\n".join([
-        "| round trip (ms) | median | 99th percentile |",
-        "|---|---|---|",
-        f"| bare veth | {veth_median:.3f} | {veth_p99:.3f} |",
-        f"| two-daemon tunnel | {tunnel_median:.3f} | {tunnel_p99:.3f} |",
-        f"| added by the tunnel | {tunnel_median - veth_median:.3f} | "
-        f"{tunnel_p99 - veth_p99:.3f} |",
-    ])
-
-
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0],
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -535,6 +351,8 @@ def main() -> int:
     parser.add_argument("--variants", default="plain,tag+key", help="plain and/or tag+key")
     parser.add_argument("--directions", default="ingress,egress")
     parser.add_argument("--subjects", default=",".join(SUBJECTS))
+    parser.add_argument("--before", metavar="PATH",
+                        help="an earlier vxbrd binary, measured as the subject 'before'")
     parser.add_argument("--trial-seconds", type=float, default=0.5, help="traffic per trial")
     parser.add_argument("--settle", type=float, default=0.15, help="drain time after a trial")
     parser.add_argument("--low", type=float, default=20e3, help="search floor, pps")
@@ -567,6 +385,10 @@ def main() -> int:
     options.subject_lifetime = 600
     if "daemon" not in options.subjects or any(s not in SUBJECTS for s in options.subjects):
         raise SystemExit(f"--subjects: daemon and any of {SUBJECTS}")
+    if options.before:
+        if not os.access(options.before, os.X_OK):
+            raise SystemExit(f"--before: {options.before} is not an executable")
+        options.subjects.insert(1, "before")
     if any(v not in VARIANTS for v in options.variants):
         raise SystemExit(f"--variants: any of {list(VARIANTS)}")
     if os.geteuid() != 0:
@@ -599,7 +421,13 @@ def main() -> int:
             "",
             "Mpps: median loss-free offered rate, ± half the range over the runs; '>' the "
             "generator, not the subject, was the limit. ns/pkt: subject CPU time per delivered "
-            "packet at the fixed offered loads ('*': more than 0.1 % lost there)."]
+            "packet at the fixed offered loads ('*': more than 0.1 % lost there).",
+            "",
+            load_table(points, outcomes, options),
+            "",
+            "own: the subject's threads (schedstat); system: all CPUs' busy time "
+            "(/proc/stat), generator included, the same figure for every subject; wake-ups: "
+            "the subject's context switches."]
     if latency:
         text += ["", latency_table(latency)]
     report = "\n".join(text)

@@ -28,6 +28,7 @@ struct InterfaceConfig {
     std::string name;  // tap device name as written
     uint16_t vid = 0;  // 0 means untagged
     bool isolate = false;
+    bool offload = true;  // false: "offload-disable" on its tap line
 };
 
 struct ForwardServer {
@@ -47,6 +48,7 @@ struct Config {
     uint8_t gre_key_mode = Ignore;
     uint64_t gre_key = 0;
     bool ipchksum = false;
+    bool offload = true;  // false: the "offload-disable" keyword, for every tap
 };
 
 using MacAddress = std::array<uint8_t, 6>;

@@ -128,7 +128,7 @@ e2e_sanitized build-tsan
 step "fuzzers (${fuzz_seconds}s each, ASan + UBSan)"
 VXBRD_FUZZ_SECONDS=$fuzz_seconds "$root/scripts/fuzz.sh"
 
-step "manual pages, service files, install layout"
+step "manual pages, service files (systemd-analyze verify, security), install layout"
 "$root/scripts/check-dist.sh" build
 
 step "FreeBSD cross build"

@@ -6,10 +6,12 @@
 
 #include "pdu/Checksum.h"
 #include "pdu/ClampMSS.h"
+#include "pdu/Segmentation.h"
 #include "pdu/Tag.h"
 #include "pdu/Text.h"
 #include "pdu/Views.h"
 #include "tunnel/FrameDump.h"
+#include "tunnel/Pacing.h"
 #include "tunnel/Send.h"
 #include "vif/TAP"
 
@@ -173,18 +175,88 @@ void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan,
     send(log, destination, frame, key, context.config->mtu, batch.sends, true);
 }
 
+namespace {
+
+// What a segment's GRE header and tag take in front of it, over the previous
+// segment's bytes.
+constexpr uint16_t kEncapsulationRoom = 12;
+// A segment is no larger than a frame an ordinary read gives.
+constexpr uint16_t kLargestFrame = vif::TAP::kBufferSize - vif::TAP::kHeadroom;
+
+void dropUnsplittable(TunnelContext& context, Endpoint& tap) {
+    VXBRD_LOG(*context.logger, Warning, "%s: dropping an offloaded frame that cannot be split",
+              tap.name());
+}
+
+// Sends each segment of split as if it had been read on its own: behind 64
+// bytes of headroom (bytes of the previous segment, which handleTapFrame
+// only ever reads there) and in a slot no larger than an ordinary one.
+void sendSegments(TunnelContext& context, Endpoint& tap, uint16_t device_vlan, PDU read,
+                  pdu::Segmenter& split, EgressBatch& batch) {
+    for (unsigned i = 0; i < split.count(); ++i) {
+        if (i != 0) {
+            // What segment i - 1 still has queued lets go of the bytes that
+            // segment i's headers, tag and GRE header are about to take.
+            const uint8_t* const headers = read._buf + split.overwrittenBy(i);
+            batch.sends.release(headers - kEncapsulationRoom, headers + split.headerLength());
+        }
+        const PDU segment = split.build(i);
+        const PDU as_read{segment.data() - vif::TAP::kHeadroom,
+                          static_cast<uint16_t>(vif::TAP::kHeadroom + segment.length()),
+                          vif::TAP::kHeadroom,
+                          static_cast<uint16_t>(vif::TAP::kHeadroom + segment.length()),
+                          {0, 0}};
+        handleTapFrame(context, tap, device_vlan, as_read, batch);
+    }
+}
+
+}  // namespace
+
+void handleTapRead(TunnelContext& context, Endpoint& tap, uint16_t device_vlan, PDU read,
+                   const pdu::Offload& offload, EgressBatch& batch) {
+    if (offload.segmented()) {
+        // Everything the split checks is checked before the first segment
+        // goes: a super-frame goes whole, segment by segment, or not at all.
+        pdu::Segmenter split;
+        try {
+            if (offload.segmentation == pdu::Offload::kUnsupported) throw pdu::kInvalid;
+            split = pdu::Segmenter(read, offload);
+            if (split.largestSegment() > kLargestFrame) throw pdu::kInvalid;
+        } catch (int) {
+            dropUnsplittable(context, tap);
+            return;
+        }
+        sendSegments(context, tap, device_vlan, read, split, batch);
+        return;
+    }
+    if (offload.partial_checksum) {
+        try {
+            pdu::completePartialChecksum(read, offload);
+        } catch (int) {
+            dropUnsplittable(context, tap);
+            return;
+        }
+    }
+    handleTapFrame(context, tap, device_vlan, read, batch);
+}
+
 void runTapEgress(Logger* logger, vif::TAP* tap, uint16_t vlan) {
     VXBRD_LOG(*logger, Debug, "TAP thread running on %s", tap->name());
     TunnelContext& context = tunnelContext();
     auto batch = std::make_unique<EgressBatch>();
     PDU frames[vif::TAP::kMaxBatch];
+    pdu::Offload offloads[vif::TAP::kMaxBatch];
     // Frames come from the host's own stack and are trusted to be well
     // formed: anything thrown here ends the process.
+    LoadPacing pacing;
     for (;;) {
-        const unsigned count = tap->readBatch(frames);
-        for (unsigned i = 0; i < count; ++i) handleTapFrame(context, *tap, vlan, frames[i], *batch);
+        pacing.beforeReceive();
+        const unsigned count = tap->readFrames(frames, offloads);
+        for (unsigned i = 0; i < count; ++i)
+            handleTapRead(context, *tap, vlan, frames[i], offloads[i], *batch);
         // The datagrams go out before the read slots are read into again.
         batch->sends.flush();
+        pacing.handled(count, tap->batchSize());
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "pdu/Offload.h"
 #include "pdu/PDU.h"
 #include "tunnel/Context.h"
 #include "tunnel/SendQueue.h"
@@ -36,9 +37,18 @@ struct EgressBatch {
 void handleTapFrame(TunnelContext& context, Endpoint& tap, uint16_t device_vlan, pdu::PDU frame,
                     EgressBatch& batch);
 
+// Runs one read from tap through handleTapFrame as the frames the host would
+// have put on the wire: a super-frame split into its TCP segments (in place,
+// pdu/Segmentation.h), one by one; an ordinary frame whose checksum the host
+// left to us with it completed; anything else as it is. offload is what the
+// device said of the read. A super-frame that cannot be split, or a checksum
+// that cannot be completed, is one Warning line and dropped.
+void handleTapRead(TunnelContext& context, Endpoint& tap, uint16_t device_vlan, pdu::PDU read,
+                   const pdu::Offload& offload, EgressBatch& batch);
+
 // The tap thread's body: reads batches from the device for ever, runs each
 // frame through handleTapFrame in order and flushes the batch's sends before
-// reading again.
+// reading again. Each read goes through handleTapRead.
 void runTapEgress(Logger* logger, vif::TAP* tap, uint16_t vlan);
 
 }  // namespace lumora

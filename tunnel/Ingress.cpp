@@ -9,6 +9,7 @@
 #include "tunnel/FrameDump.h"
 #include "tunnel/KeyPolicy.h"
 #include "tunnel/Learning.h"
+#include "tunnel/Pacing.h"
 #include "tunnel/Relay.h"
 #include "tunnel/Send.h"
 #include "vif/IP"
@@ -190,8 +191,10 @@ void runGreIngress(Logger* logger, vif::IP* endpoint) {
     TunnelContext& context = tunnelContext();
     IngressBatch batch;
     vif::IP::Received received[vif::IP::kMaxBatch];
+    LoadPacing pacing;
     for (;;) {
         unsigned count = 0;
+        pacing.beforeReceive();
         try {
             count = endpoint->receiveBatch(received);
         } catch (const ReadTimeout&) {
@@ -212,6 +215,7 @@ void runGreIngress(Logger* logger, vif::IP* endpoint) {
         }
         // The writes and sends go out before the slots are received into again.
         batch.flush();
+        pacing.handled(count, endpoint->batchSize());
     }
 }
 

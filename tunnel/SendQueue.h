@@ -5,6 +5,10 @@
 // behind everything queued before it, so each endpoint sends in the order
 // the datagrams were made. The loop flushes once per batch; a full queue
 // flushes itself.
+//
+// A queued datagram whose last bytes are about to be overwritten (the next
+// TCP segment of a split super-frame takes them for its headers) keeps a
+// copy of those bytes as its tail (release).
 #pragma once
 
 #include <cstdint>
@@ -24,6 +28,14 @@ class SendQueue {
     // Hands over what is queued, in order: each run of datagrams for one
     // endpoint in one batched send.
     void flush();
+    // Every queued datagram with bytes in [from, to) keeps what it has
+    // there as a tail of its own, so that the caller may overwrite the
+    // range. A datagram may hold bytes in the range only at its end, and at
+    // most kTailRoom of them.
+    void release(const uint8_t* from, const uint8_t* to);
+
+    // The most bytes release takes from one datagram.
+    static constexpr unsigned kTailRoom = 160;
 
     unsigned size() const { return count; }
 
@@ -31,6 +43,7 @@ class SendQueue {
     vif::GreSocket* endpoints[kCapacity] = {};
     vif::Datagram datagrams[kCapacity];
     unsigned count = 0;
+    uint8_t tails[kCapacity][kTailRoom];
 };
 
 }  // namespace lumora

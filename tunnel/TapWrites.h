@@ -4,10 +4,18 @@
 // for one tap goes in one batched write. A frame whose destination MAC was
 // rewritten for the write (IPv6 multicast) gets its own bytes back after the
 // flush. A full queue flushes itself.
+//
+// For a tap with offloads, consecutive TCP segments of one flow that the
+// host would merge itself (pdu/Coalescing.h) become one frame: the first
+// segment's headers are rewritten for the whole run at the flush, the later
+// segments are written from where they lie, payload only. Nothing is
+// copied, and every datagram has had its own decisions, counters and log
+// lines before it got here.
 #pragma once
 
 #include <cstdint>
 
+#include "pdu/Coalescing.h"
 #include "pdu/PDU.h"
 #include "vif/VIF"
 
@@ -25,6 +33,7 @@ class TapWrites {
     // Writes what is queued, in order, then restores the rewritten frames.
     void flush();
 
+    // Frames queued (a merged run counts once).
     unsigned size() const { return count; }
 
   private:
@@ -33,9 +42,19 @@ class TapWrites {
         uint8_t original[6];
     };
 
+    // Starts a frame of one piece; full queues are flushed first.
+    void add(Endpoint* tap, pdu::PDU frame);
+    // Ends the run the last frame is, rewriting its headers if it merged.
+    void closeRun();
+
     Endpoint* taps[kCapacity] = {};
-    pdu::PDU frames[kCapacity];
+    TapFrame frames[kCapacity];
     unsigned count = 0;
+    pdu::PDU pieces[kCapacity];
+    unsigned piece_count = 0;
+    // The TCP run the last frame is, while later segments may join it.
+    pdu::TcpRun run;
+    bool run_open = false;
     Restore restores[kCapacity] = {};
     unsigned restore_count = 0;
 };

@@ -61,17 +61,17 @@ IP& IP::writeIPv6(pdu::PDU p, const in6_addr& destination) {
 }
 
 // Advisory only: the egress path fragments before it gets here.
-void IP::warnIfTooBig(pdu::PDU p) {
-    if (p.length() > mtu_value) {
+void IP::warnIfTooBig(size_t length) {
+    if (static_cast<long>(length) > mtu_value) {
         VXBRD_LOG(*logger, Warning, "%s packet too big: %d (len) > %d (mtu)", name_text,
-                  static_cast<int>(p.length()), static_cast<int>(mtu_value));
+                  static_cast<int>(length), static_cast<int>(mtu_value));
     }
 }
 
 // Sends _begin.._end to the destination. Nothing is thrown: failures are
 // Warning lines and the datagram is dropped.
 void IP::sendOne(int fd, pdu::PDU p, const sockaddr* destination, socklen_t size) {
-    warnIfTooBig(p);
+    warnIfTooBig(p.length());
     const int length = p.length();
     errno = 0;
     const ssize_t sent = send_calls.sendto(fd, p.data(), static_cast<size_t>(length), MSG_DONTWAIT,
@@ -99,10 +99,10 @@ void IP::sendBatch(std::span<const Datagram> datagrams) {
                (datagrams[next + run].family == AF_INET6) == ipv6;
              ++run) {
             const Datagram& d = datagrams[next + run];
-            warnIfTooBig(d.bytes);
+            warnIfTooBig(d.length());
             addresses[run] = addressOf(d.family, d.ipv4, d.ipv6);
-            list[run] = Outgoing{d.bytes.data(), d.bytes.length(), addresses[run].get(),
-                                 addresses[run].size};
+            list[run] = Outgoing{d.bytes.data(),      d.bytes.length(), addresses[run].get(),
+                                 addresses[run].size, d.tail,           d.tail_length};
         }
         for (unsigned done = 0; done < run;) {
             errno = 0;
@@ -113,8 +113,9 @@ void IP::sendBatch(std::span<const Datagram> datagrams) {
             }
             // The datagram the kernel refused gets the rest of a single send.
             const int error = errno != 0 ? errno : EIO;
-            finishSend(fd, datagrams[next + done].bytes, list[done].destination, list[done].size,
-                       error);
+            uint8_t joined[kMaxJoinedDatagram];
+            finishSend(fd, joinDatagram(datagrams[next + done], joined), list[done].destination,
+                       list[done].size, error);
             ++done;
         }
         next += run;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -18,11 +19,13 @@ class WriteRing {
     // The most writes one submission takes.
     static constexpr unsigned kEntries = 16;
 
-    // One write: length bytes from data to fd.
+    // One write to fd, gathered from pieces[0..piece_count) (a frame and
+    // the header in front of it, or the pieces of a merged frame). The
+    // pieces stay put until writeAll returns.
     struct Write {
         int fd;
-        const uint8_t* data;
-        size_t length;
+        const iovec* pieces;
+        unsigned piece_count;
     };
 
     virtual ~WriteRing() = default;

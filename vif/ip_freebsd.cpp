@@ -4,6 +4,7 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <cerrno>
 #include <cstring>
@@ -60,9 +61,15 @@ unsigned sendBatchLimit() { return 1; }
 
 int sendDatagrams(int fd, const IP::Outgoing* list, unsigned count) {
     for (unsigned i = 0; i < count; ++i) {
-        const ssize_t sent = ::sendto(fd, list[i].data, list[i].length, MSG_DONTWAIT,
-                                      list[i].destination, list[i].size);
-        if (sent != static_cast<ssize_t>(list[i].length)) {
+        iovec pieces[2] = {{const_cast<uint8_t*>(list[i].data), list[i].length},
+                           {const_cast<uint8_t*>(list[i].tail), list[i].tail_length}};
+        msghdr message{};
+        message.msg_name = const_cast<sockaddr*>(list[i].destination);
+        message.msg_namelen = list[i].size;
+        message.msg_iov = pieces;
+        message.msg_iovlen = list[i].tail_length != 0 ? 2 : 1;
+        const ssize_t sent = ::sendmsg(fd, &message, MSG_DONTWAIT);
+        if (sent != static_cast<ssize_t>(list[i].length + list[i].tail_length)) {
             if (sent >= 0) errno = EIO;
             return i == 0 ? -1 : static_cast<int>(i);
         }

@@ -71,16 +71,18 @@ unsigned sendBatchLimit() { return 32; }
 
 int sendDatagrams(int fd, const IP::Outgoing* list, unsigned count) {
     mmsghdr messages[32];
-    iovec pieces[32];
+    iovec pieces[32][2];
     if (count > std::size(messages)) count = std::size(messages);
     for (unsigned i = 0; i < count; ++i) {
-        pieces[i].iov_base = const_cast<uint8_t*>(list[i].data);
-        pieces[i].iov_len = list[i].length;
+        pieces[i][0].iov_base = const_cast<uint8_t*>(list[i].data);
+        pieces[i][0].iov_len = list[i].length;
+        pieces[i][1].iov_base = const_cast<uint8_t*>(list[i].tail);
+        pieces[i][1].iov_len = list[i].tail_length;
         msghdr& header = messages[i].msg_hdr;
         header.msg_name = const_cast<sockaddr*>(list[i].destination);
         header.msg_namelen = list[i].size;
-        header.msg_iov = &pieces[i];
-        header.msg_iovlen = 1;
+        header.msg_iov = pieces[i];
+        header.msg_iovlen = list[i].tail_length != 0 ? 2 : 1;
         header.msg_control = nullptr;
         header.msg_controllen = 0;
         header.msg_flags = 0;

@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "vif/VnetHeader.h"
 #include "vif/tap_platform.h"
 
 namespace lumora::vif::platform {
@@ -34,7 +35,8 @@ void setName(ifreq& request, const char* interface) {
 
 }  // namespace
 
-OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address) {
+OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address,
+                  bool offloads) {
     OpenedTap opened;
     opened.fd = Descriptor::open(logger, name, name, O_RDWR);
     const int fd = opened.fd.get();
@@ -69,6 +71,17 @@ OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* li
     if (::ioctl(sock.get(), SIOCSIFFLAGS, &request) < 0) failCall(logger, name, "SIOCSIFFLAGS");
 
     opened.mtu = static_cast<uint16_t>(info.mtu);
+    // The header's size turns the offloads on: tap(4) then hands over TCP
+    // super-frames with checksums left to us and takes merged frames. A
+    // size of 0 keeps (or puts back) ordinary frames.
+    int header = offloads ? VnetHeader::kLength : 0;
+    if (::ioctl(fd, TAPSVNETHDR, &header) == 0) {
+        opened.offloads = offloads;
+    } else if (offloads) {
+        const int error = errno;
+        VXBRD_LOG(*logger, Notice, "%s TAPSVNETHDR: %s; offloads off, plain frames", name,
+                  std::strerror(error));
+    }
     return opened;
 }
 

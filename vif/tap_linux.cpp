@@ -20,9 +20,11 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "vif/VnetHeader.h"
 #include "vif/tap_platform.h"
 
 namespace lumora::vif::platform {
@@ -41,18 +43,60 @@ Descriptor controlSocket(Logger* logger, const char* name) {
     return Descriptor::socket(logger, name, "socket()", AF_INET, SOCK_DGRAM, 0);
 }
 
+// Header size, byte order and the offloads themselves: TCP super-frames
+// over IPv4 and IPv6 and checksums left to us. False, after one Notice
+// line naming the call the kernel refused, when any is refused.
+bool enableOffloads(Logger* logger, int fd, const char* name) {
+    int header = VnetHeader::kLength;
+    int little_endian = 1;
+    const char* refused = nullptr;
+    if (::ioctl(fd, TUNSETVNETHDRSZ, &header) < 0) {
+        refused = "TUNSETVNETHDRSZ";
+    } else if (::ioctl(fd, TUNSETVNETLE, &little_endian) < 0 && errno != EINVAL) {
+        // EINVAL: a kernel that only knows the host's own order, which is
+        // little-endian wherever the daemon runs.
+        refused = "TUNSETVNETLE";
+    } else if (::ioctl(fd, TUNSETOFFLOAD, TUN_F_CSUM | TUN_F_TSO4 | TUN_F_TSO6) < 0) {
+        refused = "TUNSETOFFLOAD";
+    }
+    if (refused == nullptr) return true;
+    const int error = errno;
+    VXBRD_LOG(*logger, Notice, "%s %s: %s; offloads off, plain frames", name, refused,
+              std::strerror(error));
+    return false;
+}
+
 }  // namespace
 
-OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address) {
+OpenedTap openTap(Logger* logger, const char* interface, char* name, uint8_t* link_address,
+                  bool offloads) {
     if (if_nametoindex(interface) == 0) failCall(logger, name, "open()");
     OpenedTap opened;
     opened.fd = Descriptor::open(logger, name, "/dev/net/tun", O_RDWR);
 
     ifreq request;
     setName(request, interface);
-    request.ifr_flags = IFF_TAP | IFF_NO_PI;
+    request.ifr_flags = IFF_TAP | IFF_NO_PI | (offloads ? IFF_VNET_HDR : 0);
     if (::ioctl(opened.fd.get(), TUNSETIFF, &request) < 0) failCall(logger, name, "TUNSETIFF");
     std::snprintf(name, 64, "%.*s", IFNAMSIZ, request.ifr_name);
+    if (offloads) {
+        opened.offloads = enableOffloads(logger, opened.fd.get(), name);
+        if (!opened.offloads) {
+            // The header cannot be taken back from an attached descriptor:
+            // the device is opened afresh for ordinary frames.
+            opened.fd = Descriptor::open(logger, name, "/dev/net/tun", O_RDWR);
+            setName(request, interface);
+            request.ifr_flags = IFF_TAP | IFF_NO_PI;
+            if (::ioctl(opened.fd.get(), TUNSETIFF, &request) < 0)
+                failCall(logger, name, "TUNSETIFF");
+        }
+    }
+    if (!opened.offloads) {
+        // An earlier run may have left the offloads on; a reader without the
+        // header must not be handed super-frames. Refused only by kernels
+        // that never had them.
+        static_cast<void>(::ioctl(opened.fd.get(), TUNSETOFFLOAD, 0u));
+    }
 
     // The rest goes through an ordinary socket: the tun descriptor answers
     // none of the interface ioctls.

@@ -71,10 +71,10 @@ class UringWriteRing : public WriteRing {
         for (unsigned i = 0; i < count; ++i, ++tail) {
             io_uring_sqe* sqe = &sqes[tail & sq_mask];
             std::memset(sqe, 0, sizeof *sqe);
-            sqe->opcode = IORING_OP_WRITE;
+            sqe->opcode = IORING_OP_WRITEV;
             sqe->fd = writes[i].fd;
-            sqe->addr = reinterpret_cast<uint64_t>(writes[i].data);
-            sqe->len = static_cast<uint32_t>(writes[i].length);
+            sqe->addr = reinterpret_cast<uint64_t>(writes[i].pieces);
+            sqe->len = writes[i].piece_count;
             sqe->off = static_cast<uint64_t>(-1);
             sqe->user_data = i;
             sq_array[tail & sq_mask] = tail & sq_mask;

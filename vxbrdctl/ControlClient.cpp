@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "vxbrdctl/Process.h"
+
 namespace lumora::ctl {
 
 namespace {
@@ -37,8 +39,10 @@ class Descriptor {
 }
 
 [[noreturn]] void timedOut(const std::string& path, int timeout_seconds) {
-    failWith(kFailed, "no reply from vxbrd on " + path + " within " +
-                          std::to_string(timeout_seconds) + " s");
+    throw ControlError{
+        kFailed,
+        "no reply from vxbrd on " + path + " within " + std::to_string(timeout_seconds) + " s",
+        true};
 }
 
 [[noreturn]] void connectFailed(const std::string& path, int error, int timeout_seconds) {
@@ -75,7 +79,8 @@ int remaining(Clock::time_point deadline) {
 
 }  // namespace
 
-std::string exchange(const std::string& path, std::string_view request, int timeout_seconds) {
+std::string exchange(const std::string& path, std::string_view request, int timeout_seconds,
+                     pid_t* daemon_pid) {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
     sockaddr_un address{};
     if (path.size() >= sizeof address.sun_path) failWith(kUsage, path + ": socket path too long");
@@ -91,6 +96,7 @@ std::string exchange(const std::string& path, std::string_view request, int time
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
     if (connect(socket_fd.get(), reinterpret_cast<const sockaddr*>(&address), length) < 0)
         connectFailed(path, errno, timeout_seconds);
+    if (daemon_pid != nullptr) *daemon_pid = socketPeer(socket_fd.get()).value_or(0);
 
     // The daemon takes what one read returns as one request: the word goes
     // out in one piece, without a newline.

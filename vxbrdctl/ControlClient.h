@@ -5,6 +5,8 @@
 // a hung-up descriptor that it never releases.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
 
@@ -26,10 +28,15 @@ enum ExitStatus : int {
 struct ControlError {
     int status;
     std::string message;
+    // The daemon took the connection but did not answer in time.
+    bool timed_out = false;
 };
 
 // Sends request (the bare word) on the socket at path and returns the whole
-// reply. Gives up after timeout_seconds in all. Throws ControlError.
-std::string exchange(const std::string& path, std::string_view request, int timeout_seconds);
+// reply. Gives up after timeout_seconds in all. Throws ControlError. When
+// daemon_pid is given, it receives the process id at the other end as soon
+// as the connection stands (0 when the system does not tell).
+std::string exchange(const std::string& path, std::string_view request, int timeout_seconds,
+                     pid_t* daemon_pid = nullptr);
 
 }  // namespace lumora::ctl

@@ -54,6 +54,7 @@ std::string clientsJson(const std::vector<Client>& clients) {
     for (const Client& client : clients) {
         objects.push_back("{\"client\":" + string(client.mac) +
                           ",\"peer\":" + (client.peer ? string(*client.peer) : "null") +
+                          ",\"vlan\":" + std::to_string(client.servedVlan()) +
                           ",\"associated_vlan\":" + orNull(client.vlan) + ",\"gre_key\":" +
                           orNull(client.greKey) + ",\"mapped_vlan\":" + orNull(client.mappedVlan) +
                           ",\"bytes_in\":" + std::to_string(client.bytesIn) +

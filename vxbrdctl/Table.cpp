@@ -55,7 +55,8 @@ std::string peersTable(const std::vector<Peer>& peers) {
 std::string clientsTable(const std::vector<Client>& clients) {
     std::vector<Row> rows;
     for (const Client& client : clients) {
-        rows.push_back({client.mac, client.peer.value_or("unknown"), orDash(client.vlan),
+        rows.push_back({client.mac, client.peer.value_or("unknown"),
+                        std::to_string(client.servedVlan()), orDash(client.vlan),
                         orDash(client.greKey), orDash(client.mappedVlan),
                         std::to_string(client.bytesIn), std::to_string(client.bytesOut),
                         std::to_string(client.packetsIn), std::to_string(client.packetsOut)});
@@ -63,6 +64,7 @@ std::string clientsTable(const std::vector<Client>& clients) {
     return layout({{"MAC", false},
                    {"PEER", false},
                    {"VLAN", true},
+                   {"TAG", true},
                    {"KEY", true},
                    {"MAPPED", true},
                    {"BYTES-IN", true},

@@ -1,7 +1,7 @@
 // The benchmark's yardsticks: relays that do nothing but move bytes between a
 // raw GRE socket and a tap, measured one direction at a time.
 //
-//   relay ingress|egress minimal|duplex|batched LOCAL_IP PEER_IP TAP VLAN KEY SECONDS
+//   relay ingress|egress minimal|duplex|batched|spin LOCAL_IP PEER_IP TAP VLAN KEY SECONDS
 //
 // ingress: GRE datagrams received on LOCAL_IP are written to TAP without
 //   their outer IPv4 and GRE headers (any 802.1Q tag stays in the frame).
@@ -15,6 +15,10 @@
 //   descriptors.
 // batched: recvmmsg -> io_uring writes, io_uring reads -> sendmmsg; falls back
 //   to plain writes and reads where the kernel has no io_uring.
+// spin: batched, but never sleeping: non-blocking receives (recvmmsg with
+//   MSG_DONTWAIT, preadv2 with RWF_NOWAIT) in a loop that burns its core. The
+//   floor of the table: the most one core moves here; its CPU time is the
+//   whole core, whatever the load.
 //
 // Sockets get the daemon's buffer sizes and don't-fragment mode. The process
 // ends itself after SECONDS (alarm), whatever it is doing.
@@ -24,6 +28,7 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -113,7 +118,8 @@ void ingressMinimal(int gre, int tap) {
     }
 }
 
-void ingressBatched(int gre, int tap) {
+// spin: never sleep (the floor subject); otherwise wait for the first datagram.
+void ingressBatched(int gre, int tap, bool spin) {
     auto buffer = std::make_unique<uint8_t[]>(kSlot * kBatch);
     iovec iov[kBatch];
     mmsghdr messages[kBatch];
@@ -125,10 +131,15 @@ void ingressBatched(int gre, int tap) {
     }
     bench::Uring ring;
     const bool uring = ring.open(kBatch);
-    std::fprintf(stderr, "relay: tap writes %s\n", uring ? "through io_uring" : "plain");
+    std::fprintf(stderr, "relay: %stap writes %s\n", spin ? "spinning, " : "",
+                 uring ? "through io_uring" : "plain");
     for (;;) {
-        const int got = recvmmsg(gre, messages, kBatch, MSG_WAITFORONE, nullptr);
-        if (got < 0) die("recvmmsg");
+        const int got =
+            recvmmsg(gre, messages, kBatch, spin ? MSG_DONTWAIT : MSG_WAITFORONE, nullptr);
+        if (got <= 0) {
+            if (got < 0 && !spin) die("recvmmsg");
+            continue;
+        }
         unsigned queued = 0;
         for (int i = 0; i < got; ++i) {
             uint8_t* datagram = buffer.get() + static_cast<size_t>(i) * kSlot;
@@ -148,6 +159,36 @@ void ingressBatched(int gre, int tap) {
         for (unsigned reaped = 0; reaped < queued;) {
             reaped += ring.reap([](uint64_t, int) {});
             if (reaped < queued && ring.enter(1) < 0) die("io_uring_enter");
+        }
+    }
+}
+
+void egressSpin(int gre, int tap, sockaddr_in peer, uint16_t vlan, const bench::Bytes& header) {
+    auto buffer = std::make_unique<uint8_t[]>(4096 * kBatch);
+    iovec iov[kBatch];
+    mmsghdr messages[kBatch];
+    std::memset(messages, 0, sizeof messages);
+    for (unsigned i = 0; i < kBatch; ++i) {
+        messages[i].msg_hdr.msg_name = &peer;
+        messages[i].msg_hdr.msg_namelen = sizeof peer;
+        messages[i].msg_hdr.msg_iov = &iov[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    std::fprintf(stderr, "relay: spinning on tap reads\n");
+    for (;;) {
+        unsigned count = 0;
+        while (count < kBatch) {
+            uint8_t* frame = buffer.get() + count * 4096 + kHeadroom;
+            iovec piece{frame, kFrameRoom};
+            const ssize_t got = preadv2(tap, &piece, 1, -1, RWF_NOWAIT);
+            if (got < 14) break;
+            size_t length = static_cast<size_t>(got);
+            uint8_t* start = encapsulate(frame, length, vlan, header);
+            iov[count++] = {start, length};
+        }
+        for (unsigned sent = 0; sent < count;) {
+            const int n = sendmmsg(gre, messages + sent, count - sent, 0);
+            sent += n > 0 ? static_cast<unsigned>(n) : 1;
         }
     }
 }
@@ -223,11 +264,11 @@ void egressBatched(int gre, int tap, sockaddr_in peer, uint16_t vlan, const benc
 
 int main(int argc, char** argv) {
     const std::string kind = argc == 9 ? argv[2] : "";
-    if (kind != "minimal" && kind != "duplex" && kind != "batched") {
+    if (kind != "minimal" && kind != "duplex" && kind != "batched" && kind != "spin") {
         std::fprintf(
             stderr,
-            "usage: relay ingress|egress minimal|duplex|batched LOCAL_IP PEER_IP TAP VLAN KEY "
-            "SECONDS\n");
+            "usage: relay ingress|egress minimal|duplex|batched|spin LOCAL_IP PEER_IP TAP VLAN "
+            "KEY SECONDS\n");
         return 2;
     }
     const std::string direction = argv[1];
@@ -252,8 +293,11 @@ int main(int argc, char** argv) {
             std::thread([=] { ingressMinimal(gre, tap); }).detach();
             egressMinimal(gre, tap, peer, vlan, header);
         }
+    } else if (kind == "spin") {
+        direction == "ingress" ? ingressBatched(gre, tap, true)
+                               : egressSpin(gre, tap, peer, vlan, header);
     } else if (direction == "ingress") {
-        batched ? ingressBatched(gre, tap) : ingressMinimal(gre, tap);
+        batched ? ingressBatched(gre, tap, false) : ingressMinimal(gre, tap);
     } else {
         batched ? egressBatched(gre, tap, peer, vlan, header)
                 : egressMinimal(gre, tap, peer, vlan, header);

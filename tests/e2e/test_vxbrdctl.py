@@ -208,11 +208,12 @@ def test_tables_json_and_metrics_match_the_reports(learned, vxbrdctl):
     def cell(value):
         return "-" if value is None else str(value)
 
-    assert rows == [["MAC", "PEER", "VLAN", "KEY", "MAPPED", "BYTES-IN", "BYTES-OUT", "PKTS-IN",
-                     "PKTS-OUT"]] + [
-        [c["client"], c["peer"], cell(c["associated_vlan"]), cell(c["gre_key"]),
-         cell(c["mapped_vlan"]), str(c["bytes_in"]), str(c["bytes_out"]), str(c["packets_in"]),
-         str(c["packets_out"])] for c in clients]
+    # VLAN is the served VLAN, as everywhere; TAG the report's "associated vlan".
+    assert rows == [["MAC", "PEER", "VLAN", "TAG", "KEY", "MAPPED", "BYTES-IN", "BYTES-OUT",
+                     "PKTS-IN", "PKTS-OUT"]] + [
+        [c["client"], c["peer"], str(served_vlan(c)), cell(c["associated_vlan"]),
+         cell(c["gre_key"]), cell(c["mapped_vlan"]), str(c["bytes_in"]), str(c["bytes_out"]),
+         str(c["packets_in"]), str(c["packets_out"])] for c in clients]
 
     # JSON: the schema tag, then every field of every record.
     result = ctl(vxbrdctl, "-j", "peers", socket_path=path)
@@ -229,14 +230,16 @@ def test_tables_json_and_metrics_match_the_reports(learned, vxbrdctl):
     assert list(document) == ["schema", "clients"]
     assert document["schema"] == "vxbrdctl/1"
     assert len(document["clients"]) == len(clients)
-    fields = ["client", "peer", "associated_vlan", "gre_key", "mapped_vlan", "bytes_in",
+    fields = ["client", "peer", "vlan", "associated_vlan", "gre_key", "mapped_vlan", "bytes_in",
               "bytes_out", "packets_in", "packets_out"]
     for got, want in zip(document["clients"], clients):
         assert list(got) == fields
-        for name in fields:
+        assert got["vlan"] == served_vlan(want)
+        for name in fields[3:] + fields[:2]:
             assert got[name] == want[name], f"{want['client']} {name}"
 
-    # Metrics: valid exposition, counts and counters equal to the report.
+    # Metrics: valid exposition, counts and totals equal to the report; the
+    # per-client series only with -C.
     result = ctl(vxbrdctl, "metrics", socket_path=path)
     assert (result.returncode, result.stderr) == (0, "")
     assert shutil.which("promtool"), "promtool (Debian package prometheus) is needed"
@@ -244,8 +247,33 @@ def test_tables_json_and_metrics_match_the_reports(learned, vxbrdctl):
                            capture_output=True, text=True, timeout=30)
     assert check.returncode == 0, check.stdout + check.stderr
     samples = parse_metrics(result.stdout)
-    expected = {("vxbrd_peers", frozenset()): len(peers),
+    expected = {("vxbrd_up", frozenset()): 1,
+                ("vxbrd_build_info", frozenset({("version", "1.35")})): 1,
+                ("vxbrd_peers", frozenset()): len(peers),
                 ("vxbrd_clients", frozenset()): len(clients)}
+    fields = (("receive_bytes", "bytes_in"), ("transmit_bytes", "bytes_out"),
+              ("receive_packets", "packets_in"), ("transmit_packets", "packets_out"))
+    for p in peers:
+        labels = frozenset({("peer", p["peer"]), ("vlan", str(p["vlan"]))})
+        mine = [c for c in clients if (c["peer"], served_vlan(c)) == (p["peer"], p["vlan"])]
+        expected[("vxbrd_peer_clients", labels)] = len(mine)
+        for name, field in fields:
+            expected[(f"vxbrd_peer_{name}", labels)] = sum(c[field] for c in mine)
+    for vlan in sorted({p["vlan"] for p in peers} | {served_vlan(c) for c in clients}):
+        labels = frozenset({("vlan", str(vlan))})
+        mine = [c for c in clients if served_vlan(c) == vlan]
+        expected[("vxbrd_vlan_peers", labels)] = len([p for p in peers if p["vlan"] == vlan])
+        expected[("vxbrd_vlan_clients", labels)] = len(mine)
+        for name, field in fields:
+            expected[(f"vxbrd_vlan_{name}_total", labels)] = sum(c[field] for c in mine)
+    assert samples == expected
+
+    result = ctl(vxbrdctl, "metrics", "-C", socket_path=path)
+    assert (result.returncode, result.stderr) == (0, "")
+    check = subprocess.run(["promtool", "check", "metrics"], input=result.stdout,
+                           capture_output=True, text=True, timeout=30)
+    assert check.returncode == 0, check.stdout + check.stderr
+    samples = parse_metrics(result.stdout)
     for c in clients:
         labels = frozenset({("mac", c["client"]), ("peer", c["peer"]),
                             ("vlan", str(served_vlan(c)))})
@@ -283,15 +311,16 @@ def test_every_connection_is_closed_by_the_daemon(learned, vxbrdctl):
     path = control_socket_path(pid)
     baseline = len(os.listdir(f"/proc/{pid}/fd"))
     before = tunnel.daemon.stdout()
-    for args in (["peers"], ["clients"], ["-j", "peers"], ["-j", "clients"], ["metrics"]):
+    for args in (["peers"], ["clients"], ["-j", "peers"], ["-j", "clients"], ["metrics"],
+                 ["status"]):
         assert ctl(vxbrdctl, *args, socket_path=path).returncode == 0
-    # metrics asks twice: six connections in all.
-    wait_for(lambda: tunnel.daemon.stdout()[len(before):].count("Connection closed.") == 6,
+    # metrics and status ask twice each: eight connections in all.
+    wait_for(lambda: tunnel.daemon.stdout()[len(before):].count("Connection closed.") == 8,
              timeout=10)
     news = tunnel.daemon.stdout()[len(before):].splitlines()
     accepted = [int(line.split("=")[1]) for line in news if line.startswith("Accepted connection.")]
     closed = [int(line.split("=")[1]) for line in news if line.startswith("Connection closed.")]
-    assert len(accepted) == 6 and closed == accepted
+    assert len(accepted) == 8 and closed == accepted
     assert not [line for line in news if "Error!" in line]
     # The daemon prints its message just before it closes the descriptor.
     wait_for(lambda: len(os.listdir(f"/proc/{pid}/fd")) == baseline)

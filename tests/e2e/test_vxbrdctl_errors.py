@@ -56,9 +56,10 @@ def test_socket_left_by_a_daemon_that_is_gone(vxbrdctl, socket_dir):
     s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     s.bind(path)
     s.close()
-    result = ctl(vxbrdctl, "metrics", socket_path=path)
-    assert (result.returncode, result.stdout) == (3, "")
-    assert result.stderr == f"vxbrdctl: vxbrd is not running (nothing listens on {path})\n"
+    for command in ("peers", "status"):
+        result = ctl(vxbrdctl, command, socket_path=path)
+        assert (result.returncode, result.stdout) == (3, "")
+        assert result.stderr == f"vxbrdctl: vxbrd is not running (nothing listens on {path})\n"
 
 
 def test_access_denied(vxbrdctl, socket_dir):
@@ -143,18 +144,33 @@ def test_a_daemon_that_does_not_answer(vxbrdctl, socket_dir):
     assert fake.half_closed
 
 
-USAGE = ("usage: vxbrdctl [-j] [-s socket] [-t seconds] peers | clients | metrics\n"
+USAGE = ("usage: vxbrdctl [-j] [-s socket] [-t seconds] peers | clients\n"
+         "       vxbrdctl [-s socket] [-t seconds] metrics [-C] [-o file]\n"
+         "       vxbrdctl [-s socket] [-t seconds] status\n"
+         "       vxbrdctl check [-q] [-c file]\n"
          "       vxbrdctl -V | -h\n"
          "\n"
          "\t-j          print JSON instead of a table (peers, clients)\n"
          "\t-s socket   control socket (default: /var/run/vxbrd.sock)\n"
          "\t-t seconds  give up after this long (default: 5)\n"
+         "\t-C          metrics: a series per client as well\n"
+         "\t-o file     metrics: replace file atomically instead of printing\n"
+         "\t-c file     check: configuration file (default: /etc/vxobrd.conf)\n"
+         "\t-q          check: diagnostics only, not the configuration\n"
          "\t-V          print the version and exit\n"
          "\t-h          print this summary and exit\n")
 
 
 @pytest.mark.parametrize("args, status, stdout, stderr", [
-    (["status"], 2, "", 'vxbrdctl: unknown command "status"\n' + USAGE),
+    (["stats"], 2, "", 'vxbrdctl: unknown command "stats"\n' + USAGE),
+    (["check", "-c"], 2, "", "vxbrdctl: option requires an argument -- 'c'\n" + USAGE),
+    (["check", "-x"], 2, "", "vxbrdctl: invalid option -- 'x'\n" + USAGE),
+    (["check", "extra"], 2, "", USAGE),
+    (["-C", "peers"], 2, "", "vxbrdctl: -C applies to metrics, not peers\n"),
+    (["status", "-o", "f"], 2, "", "vxbrdctl: -o applies to metrics, not status\n"),
+    (["-s", "x", "check"], 2, "",
+     "vxbrdctl: -s applies to peers, clients, metrics and status, not check\n"),
+    (["-q", "metrics"], 2, "", "vxbrdctl: -q applies to check, not metrics\n"),
     ([], 2, "", USAGE),
     (["peers", "clients"], 2, "", USAGE),
     (["-x", "peers"], 2, "", "vxbrdctl: invalid option -- 'x'\n" + USAGE),

@@ -35,6 +35,7 @@ void expectDefaults(const Config& c) {
     EXPECT_EQ(c.gre_key_mode, Ignore);
     EXPECT_EQ(c.gre_key, 0u);
     EXPECT_FALSE(c.ipchksum);
+    EXPECT_TRUE(c.offload);
     EXPECT_TRUE(parent_interfaces.empty());
 }
 
@@ -157,6 +158,22 @@ const Case kCases[] = {
     {"TapCommentGluedToOptionIsSplit", "tap1 20 vlan-isolate-enable#on\n",
      "@:1 ignoring unknown interface option \"on\"\n", 0,
      [](const Config& c) { expectOneTap(c, "tap1", 20, true); }},
+    {"TapOffloadDisable", "tap1 20 offload-disable\n", "", 0,
+     [](const Config& c) {
+         expectOneTap(c, "tap1", 20, false);
+         EXPECT_FALSE(c.interfaces[0].offload);
+         EXPECT_TRUE(c.offload);
+     }},
+    {"TapOffloadDisableBesideIsolation", "tap1 20 vlan-isolate-enable offload-disable\n", "", 0,
+     [](const Config& c) {
+         expectOneTap(c, "tap1", 20, true);
+         EXPECT_FALSE(c.interfaces[0].offload);
+     }},
+    {"TapOffloadOnByDefault", "tap1 20\n", "", 0,
+     [](const Config& c) {
+         EXPECT_TRUE(c.interfaces[0].offload);
+         EXPECT_TRUE(c.offload);
+     }},
     {"TapParent", "tap2 30 parent-interface em1\n", "", 0,
      [](const Config& c) {
          expectOneTap(c, "tap2", 30, false);
@@ -338,6 +355,15 @@ const Case kCases[] = {
     {"IpChecksum", "ipchksum\n", "", 0, [](const Config& c) { EXPECT_TRUE(c.ipchksum); }},
     {"IpChecksumExtraTokens", "ipchksum on # always\n", "", 0,
      [](const Config& c) { EXPECT_TRUE(c.ipchksum); }},
+
+    // offload-disable
+    {"OffloadDisableForAll", "tap1 20\noffload-disable\n", "", 0,
+     [](const Config& c) {
+         EXPECT_FALSE(c.offload);
+         EXPECT_TRUE(c.interfaces[0].offload);
+     }},
+    {"OffloadDisableExtraTokens", "offload-disable now # really\n", "", 0,
+     [](const Config& c) { EXPECT_FALSE(c.offload); }},
 };
 
 class ConfigParserTest : public ::testing::TestWithParam<Case> {
