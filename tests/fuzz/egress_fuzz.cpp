@@ -1,23 +1,31 @@
-// Arbitrary frames from a tap through every egress decision
-// (handleTapFrame), against tables that know peers and clients: keyed and
+// Arbitrary reads from a tap through every egress decision (handleTapRead:
+// super-frames split into segments, partial checksums completed, then
+// handleTapFrame for each frame), against tables that know peers and clients: keyed and
 // tagged clients, a client on a mapped VLAN behind an IPv6 peer, a gateway
 // peer, a client without a peer, peers with several (VLAN, key) pairs to
 // flood. A frame may only be sent, flooded, dropped, or refused with int 22
 // (or 55); anything else thrown, and any read or write outside the read
 // slot, is a finding.
 //
-// Input: three control bytes, then the frame (up to the 4032 bytes a tap
-// read takes), placed in a 4096-byte slot behind 64 bytes of headroom as the
-// tap endpoint reads it.
+// Input: three control bytes, with byte 1 bit 7 nine bytes of what the tap
+// said of the read, then the frame: an ordinary one (up to the 4032 bytes a
+// tap read takes) in a 4096-byte slot behind 64 bytes of headroom, a
+// super-frame (up to 65471 bytes) in a 65535-byte slot, as the tap endpoint
+// reads them.
 //   byte 0  bits 0-2: the device's VLAN (0, 1, 2, 20, 30, 4095, 20, 0);
 //           bits 4-5: which of four senders learns the frame's source
 //   byte 1  bit 0: "ipchksum"; bit 1: "mss 536" instead of 1380; bit 2:
 //           "mtu 1280"; bits 3-4: server none, IPv4, IPv6, IPv6 without an
 //           IPv6 socket; bit 5: tap MAC and parent known (ARP repair);
-//           bit 6: learn the frame's source first (a new or moving client)
+//           bit 6: learn the frame's source first (a new or moving client);
+//           bit 7: the offload bytes follow
 //   byte 2  bits 0-3: a known client whose MAC becomes the destination
 //           (10 and above: the frame's own); bit 4: a tag takes the
 //           client's VLAN; bits 5-6: the key the learned source carries
+//   offload byte 0 bits 0-1: the segmentation (whole, TCP over IPv4, TCP
+//           over IPv6, unsupported), bit 2: partial checksum; then, two
+//           bytes each in network order, segment size, header length,
+//           checksum start and checksum offset
 //
 // Frames large enough for the tunnel to fragment (inner IPv4 above its size
 // limit) reach nextFragment on the unicast, flood and server paths; the seeds
@@ -35,7 +43,9 @@
 #include <memory>
 #include <string>
 
+#include "pdu/Offload.h"
 #include "pdu/PDU.h"
+#include "pdu/Segmentation.h"
 #include "tests/fuzz/clamp_spin.h"
 #include "tests/unit/tunnel/recording_support.h"
 #include "tunnel/Context.h"
@@ -48,9 +58,12 @@ using lumora::pdu::load16;
 using namespace lumora;
 
 constexpr size_t kControlBytes = 3;
+constexpr size_t kOffloadBytes = 9;
 constexpr uint16_t kSlot = 4096;
 constexpr uint16_t kHeadroom = 64;
 constexpr size_t kMaxFrame = kSlot - kHeadroom;
+constexpr uint16_t kSuperSlot = 65535;
+constexpr size_t kMaxSuperFrame = kSuperSlot - kHeadroom;
 constexpr int kTableLife = 256;
 constexpr uint16_t kDeviceVlans[] = {0, 1, 2, 20, 30, 4095, 20, 0};
 constexpr const char* kSenders[] = {"192.0.2.10", "192.0.2.11", "203.0.113.1", "198.51.100.7"};
@@ -74,6 +87,7 @@ struct Harness {
           v6(test::RecordingGreSocket::ipv6("eth0", "2001:db8::1", kSlots, kArena)),
           tap("tap0", 4, 1 << 16),
           slot(new uint8_t[kSlot]),
+          super_slot(new uint8_t[kSuperSlot]),
           batch(std::make_unique<EgressBatch>()) {
         logger.stream = std::fopen("/dev/null", "w");
         if (logger.stream == nullptr) std::abort();
@@ -140,6 +154,7 @@ struct Harness {
     test::RecordingGreSocket v6;
     test::RecordingTap tap;
     std::unique_ptr<uint8_t[]> slot;
+    std::unique_ptr<uint8_t[]> super_slot;
     std::unique_ptr<EgressBatch> batch;
     int inputs = 0;
 };
@@ -159,21 +174,59 @@ bool spinsInClamp(const uint8_t* frame, size_t length, uint16_t device_vlan) {
     return fuzz::clampSpins(frame, length, 16, true);
 }
 
+pdu::Offload offloadOf(const uint8_t* bytes) {
+    pdu::Offload said;
+    said.segmentation = bytes[0] & 0x03;
+    said.partial_checksum = (bytes[0] & 0x04) != 0;
+    said.segment_size = load16(bytes + 1);
+    said.header_length = load16(bytes + 3);
+    said.checksum_start = load16(bytes + 5);
+    said.checksum_offset = load16(bytes + 7);
+    return said;
+}
+
+// Whether the clamp could spin on what the read becomes: the segments of a
+// super-frame carry its headers, options unchanged; a completed checksum
+// may land anywhere in the frame, so it is completed on a copy first.
+bool readSpinsInClamp(const uint8_t* frame, size_t length, uint16_t device_vlan,
+                      const pdu::Offload& said) {
+    if (said.segmented() || !said.partial_checksum) return spinsInClamp(frame, length, device_vlan);
+    static uint8_t copy[kSlot];
+    std::memcpy(copy, frame - kHeadroom, kHeadroom + length);
+    try {
+        pdu::completePartialChecksum(
+            pdu::PDU{copy, kSlot, kHeadroom, static_cast<uint16_t>(kHeadroom + length), {0, 0}},
+            said);
+    } catch (int) {
+        return false;  // dropped before the clamp
+    }
+    return spinsInClamp(copy + kHeadroom, length, device_vlan);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < kControlBytes || size - kControlBytes > kMaxFrame) return 0;
+    if (size < kControlBytes) return 0;
     Harness& h = harness();
     const uint16_t device_vlan = kDeviceVlans[data[0] & 0x07];
     const uint8_t settings = data[1];
     const uint8_t choice = data[2];
-    const size_t length = size - kControlBytes;
+    size_t header = kControlBytes;
+    pdu::Offload said;
+    if ((settings & 0x80) != 0) {
+        if (size < kControlBytes + kOffloadBytes) return 0;
+        said = offloadOf(data + kControlBytes);
+        header += kOffloadBytes;
+    }
+    const size_t length = size - header;
+    if (length > (said.segmented() ? kMaxSuperFrame : kMaxFrame)) return 0;
 
     // The frame in its read slot, edited as the control bytes ask.
-    uint8_t* const slot = h.slot.get();
-    std::memset(slot, 0x5a, kSlot);
+    const uint16_t slot_size = said.segmented() ? kSuperSlot : kSlot;
+    uint8_t* const slot = said.segmented() ? h.super_slot.get() : h.slot.get();
+    std::memset(slot, 0x5a, slot_size);
     uint8_t* const frame = slot + kHeadroom;
-    if (length > 0) std::memcpy(frame, data + kControlBytes, length);
+    if (length > 0) std::memcpy(frame, data + header, length);
     const unsigned client = choice & 0x0f;
     if (client < std::size(kClients) && length >= 6) {
         std::memcpy(frame, kClients[client].mac, 6);
@@ -182,7 +235,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             frame[15] = static_cast<uint8_t>(kClients[client].vlan);
         }
     }
-    if (spinsInClamp(frame, length, device_vlan)) return 0;
+    if (readSpinsInClamp(frame, length, device_vlan, said)) return 0;
 
     if (++h.inputs > kTableLife) h.fresh();
     if ((settings & 0x40) != 0 && length >= 12) {
@@ -226,9 +279,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     h.v4.clear();
     h.v6.clear();
 
-    const pdu::PDU read{slot, kSlot, kHeadroom, static_cast<uint16_t>(kHeadroom + length), {0, 0}};
+    const pdu::PDU read{
+        slot, slot_size, kHeadroom, static_cast<uint16_t>(kHeadroom + length), {0, 0}};
     try {
-        handleTapFrame(h.context, h.tap, device_vlan, read, *h.batch);
+        handleTapRead(h.context, h.tap, device_vlan, read, said, *h.batch);
     } catch (int error) {
         if (error != 22 && error != 55) std::abort();
     }

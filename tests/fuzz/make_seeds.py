@@ -47,6 +47,32 @@ def tcp_syn_mss(mss: int) -> bytes:
     return header + tcp
 
 
+def tcp_ipv4_super(payload: int) -> bytes:
+    """An IPv4 TCP super-frame's IP packet with payload bytes, checksum left."""
+    tcp = struct.pack("!HHIIBBHHH", 40000, 80, 1000, 1, 0x50, 0x18, 65535, 0, 0)
+    tcp += bytes((i * 13 + 5) & 0xFF for i in range(payload))
+    header = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(tcp), 0x1234, 0x4000, 64, 6, 0,
+                         bytes([192, 0, 2, 10]), bytes([203, 0, 113, 9]))
+    header = header[:10] + struct.pack("!H", checksum(header)) + header[12:]
+    return header + tcp
+
+
+def tcp_ipv6_super(payload: int) -> bytes:
+    """An IPv6 TCP super-frame's IP packet with payload bytes, checksum left."""
+    tcp = struct.pack("!HHIIBBHHH", 40000, 80, 1000, 1, 0x50, 0x18, 65535, 0, 0)
+    tcp += bytes((i * 13 + 5) & 0xFF for i in range(payload))
+    source = bytes.fromhex("20010db8000000000000000000000010")
+    destination = bytes.fromhex("20010db8000000000000000000000020")
+    return struct.pack("!IHBB", 0x60000000, len(tcp), 6, 64) + source + destination + tcp
+
+
+def offload(segmentation: int, partial: bool, segment_size: int, header_length: int,
+            checksum_start: int, checksum_offset: int) -> bytes:
+    """What a tap with offloads says of a read, as the egress fuzzer takes it."""
+    return bytes([segmentation | (4 if partial else 0)]) + struct.pack(
+        "!HHHH", segment_size, header_length, checksum_start, checksum_offset)
+
+
 def tagged(vlan: int) -> bytes:
     return struct.pack("!HH", 0x8100, vlan)
 
@@ -83,6 +109,19 @@ def main() -> None:
     # recomputed, and the frame's source learned from 192.0.2.11 first.
     write("egress_fuzz", "server_ipv4_unicast_mtu1280_ipv4_1600.bin", bytes([0x13, 0x4D, 0x01]),
           BROADCAST + OWN_MAC + b"\x08\x00" + ipv4_udp(1600))
+    # Reads from a tap with offloads (byte 1 bit 7): a TCP super-frame to
+    # client 0 on device VLAN 20, three segments each above the size limit;
+    # an IPv6 one to client 5 on device VLAN 2; an ordinary UDP frame whose
+    # checksum the host left partial, to client 4 on device VLAN 0.
+    write("egress_fuzz", "super_tcp_ipv4_keyed_client_3_segments.bin",
+          bytes([0x03, 0x80, 0x00]) + offload(1, True, 1448, 54, 34, 16),
+          BROADCAST + OWN_MAC + b"\x08\x00" + tcp_ipv4_super(3 * 1448 - 100))
+    write("egress_fuzz", "super_tcp_ipv6_to_ipv6_peer.bin",
+          bytes([0x02, 0x80, 0x05]) + offload(2, True, 1428, 74, 54, 16),
+          BROADCAST + OWN_MAC + b"\x86\xdd" + tcp_ipv6_super(4 * 1428))
+    write("egress_fuzz", "partial_checksum_udp.bin",
+          bytes([0x00, 0x80, 0x04]) + offload(0, True, 0, 0, 34, 6),
+          BROADCAST + OWN_MAC + b"\x08\x00" + ipv4_udp(300))
 
     # Small frames through the other decisions.
     tap_mac = bytes.fromhex("02005e000100")
