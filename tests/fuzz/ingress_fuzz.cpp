@@ -4,13 +4,19 @@
 // anything else thrown, and any read or write outside the buffer, is a
 // finding.
 //
-// Input: three control bytes, then the datagram.
+// Input: three control bytes, then the datagram, or with byte 2 bit 2 up to
+// eight datagrams, each behind its length (two bytes, network order; the
+// last cut at the input's end), handled in order as one batch.
 //   byte 0  GRE key mode (one of the six, or an unlisted value)
 //   byte 1  bit 0: IPv6 sender; bit 1: taps present; bit 2: forward socket
 //           present; bit 3: tap MACs known; bits 4-5: which of four senders;
 //           bits 6-7: outer IPv4 header length (20, 24, 40 or 60 bytes)
-//   byte 2  bit 0: "mtu 1280" set; bit 1: "mss 536" instead of 1380
-// The datagram sits in a buffer that ends where it ends, behind the outer
+//   byte 2  bit 0: "mtu 1280" set; bit 1: "mss 536" instead of 1380;
+//           bit 2: several datagrams; bit 3: the taps take merged TCP
+//           frames (offloads), checked as merging_tap.h says; bit 4: the
+//           TCP checksum of each inner IPv4 or IPv6 TCP segment is made
+//           right first, so that mutated segments still qualify for merging
+// Each datagram sits in a buffer that ends where it ends, behind the outer
 // IPv4 header as the IPv4 endpoint delivers it (or at offset 0, as the IPv6
 // endpoint does), so any read past it is an AddressSanitizer report.
 //
@@ -29,6 +35,7 @@
 //
 // Skipped: SYN segments whose TCP options hold a zero-length option of
 // unknown kind (see clamp_spin.h).
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -38,8 +45,10 @@
 #include <string>
 #include <vector>
 
+#include "pdu/Checksum.h"
 #include "pdu/PDU.h"
 #include "tests/fuzz/clamp_spin.h"
+#include "tests/fuzz/merging_tap.h"
 #include "tests/unit/tunnel/recording_support.h"
 #include "tunnel/Context.h"
 #include "tunnel/Ingress.h"
@@ -54,6 +63,7 @@ constexpr size_t kControlBytes = 3;
 // The largest datagram whose buffer, outer header included, a PDU can span.
 constexpr size_t kMaxDatagram = 65535 - 60;
 constexpr int kTableLife = 256;
+constexpr size_t kMaxBatch = 8;
 constexpr uint8_t kModes[] = {Ignore, Reject, Require, VlanMap, PreferKey, PreferVlan, 3};
 constexpr uint16_t kTapVlans[] = {0, 2, 20, 30, 40, 100, 4095};
 constexpr const char* kSendersV4[] = {"198.51.100.7", "198.51.100.8", "203.0.113.1", "192.0.2.77"};
@@ -81,6 +91,36 @@ bool spinsInClamp(const uint8_t* gre, size_t size) {
     return fuzz::clampSpins(frame, length, type_at, false);
 }
 
+// Makes the TCP checksum of the datagram's inner segment right, over every
+// byte behind the TCP header's start (as merging sums it).
+void rightTcpChecksum(uint8_t* gre, size_t size) {
+    if (size < 4) return;
+    size_t header = 4;
+    for (uint8_t bit : {0x80, 0x20, 0x10})
+        if (gre[0] & bit) header += 4;
+    if (size < header + 18) return;
+    uint8_t* const frame = gre + header;
+    const size_t length = size - header;
+    const size_t type_at = load16(frame + 12) == 0x8100 ? 16 : 12;
+    uint8_t* const ip = frame + type_at + 2;
+    size_t transport = 0;
+    bool ipv6 = false;
+    if (load16(frame + type_at) == 0x0800 && length >= type_at + 2 + 20 && ip[9] == 6) {
+        transport = type_at + 2 + (ip[0] & 0x0f) * 4u;
+    } else if (load16(frame + type_at) == 0x86dd && length >= type_at + 2 + 40 && ip[6] == 6) {
+        transport = type_at + 2 + 40;
+        ipv6 = true;
+    }
+    if (transport == 0 || transport + 20 > length) return;
+    uint8_t* const tcp = frame + transport;
+    const auto tcp_length = static_cast<uint32_t>(length - transport);
+    tcp[16] = tcp[17] = 0;
+    const uint64_t pseudo = ipv6 ? pdu::pseudoHeaderSumIPv6(ip + 8, ip + 24, 6, tcp_length)
+                                 : pdu::pseudoHeaderSumIPv4(ip + 12, ip + 16, 6, tcp_length);
+    pdu::store16(tcp + 16,
+                 static_cast<uint16_t>(~pdu::foldSum(pdu::sumBytes(tcp, tcp_length, pseudo))));
+}
+
 struct Harness {
     Harness()
         : receiver_v4("eth0", "192.0.2.1", kSlots, kArena),
@@ -90,8 +130,8 @@ struct Harness {
         if (logger.stream == nullptr) std::abort();
         logger.level = Debug;
         for (uint16_t vid : kTapVlans)
-            taps.push_back(
-                std::make_unique<test::RecordingTap>("tap" + std::to_string(vid), 4, 1 << 17));
+            taps.push_back(std::make_unique<fuzz::MergingTap>("tap" + std::to_string(vid),
+                                                              2 * kMaxBatch, 1 << 17));
         config.forward_vlans.set(40);
         config.forward_servers[40] = ForwardServer{test::ipv4Of("203.0.113.1")};
         config.forward_vlans.set(0);
@@ -145,7 +185,7 @@ struct Harness {
     test::RecordingGreSocket receiver_v4;
     test::RecordingGreSocket receiver_v6;
     test::RecordingGreSocket forward;
-    std::vector<std::unique_ptr<test::RecordingTap>> taps;
+    std::vector<std::unique_ptr<fuzz::MergingTap>> taps;
     IngressBatch batch;
     int inputs = 0;
 };
@@ -155,13 +195,38 @@ Harness& harness() {
     return *h;
 }
 
+struct Piece {
+    const uint8_t* bytes;
+    size_t length;
+};
+
+// The input's datagrams; none when one is too long or would spin the clamp.
+std::vector<Piece> datagramsOf(const uint8_t* data, size_t size) {
+    std::vector<Piece> out;
+    const uint8_t* at = data + kControlBytes;
+    const uint8_t* const end = data + size;
+    if ((data[2] & 0x04) == 0) {
+        out.push_back(Piece{at, static_cast<size_t>(end - at)});
+    } else {
+        while (end - at >= 2 && out.size() < kMaxBatch) {
+            const size_t wanted = load16(at);
+            at += 2;
+            const size_t length = std::min<size_t>(wanted, static_cast<size_t>(end - at));
+            out.push_back(Piece{at, length});
+            at += length;
+        }
+    }
+    for (const Piece& p : out)
+        if (p.length > kMaxDatagram || spinsInClamp(p.bytes, p.length)) return {};
+    return out;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < kControlBytes || size - kControlBytes > kMaxDatagram) return 0;
-    const uint8_t* datagram = data + kControlBytes;
-    const size_t length = size - kControlBytes;
-    if (spinsInClamp(datagram, length)) return 0;
+    if (size < kControlBytes) return 0;
+    const std::vector<Piece> datagrams = datagramsOf(data, size);
+    if (datagrams.empty()) return 0;
 
     Harness& h = harness();
     if (++h.inputs > kTableLife) h.fresh();
@@ -177,6 +242,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     h.config.mss = (data[2] & 0x02) != 0 ? 536 : 1380;
     for (size_t i = 0; i < h.taps.size(); ++i) {
         h.taps[i]->clear();
+        h.taps[i]->merging = (data[2] & 0x08) != 0;
         h.context.taps_by_vid[kTapVlans[i]].store(with_taps ? h.taps[i].get() : nullptr);
         if (tap_macs)
             h.interfaces[h.taps[i]->name()] =
@@ -200,21 +266,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         source.ipv4 = test::ipv4Of(kSendersV4[sender]);
     }
 
+    // Each in a buffer of its own, kept until the batch is flushed, as the
+    // endpoint's receive slots are.
     const uint16_t offset = from_v6 ? 0 : kOffsets[choice >> 6];
-    const size_t total = offset + length;
-    std::unique_ptr<uint8_t[]> buffer(new uint8_t[total == 0 ? 1 : total]);
-    std::memset(buffer.get(), 0x45, offset);
-    if (length > 0) std::memcpy(buffer.get() + offset, datagram, length);
-    pdu::PDU p;
-    p._buf = buffer.get();
-    p._cap = static_cast<uint16_t>(total);
-    p._begin = offset;
-    p._end = static_cast<uint16_t>(total);
-
-    try {
-        handleGreDatagram(h.context, source, p, h.batch);
-    } catch (int error) {
-        if (error != 22 && error != 55) std::abort();
+    std::vector<std::unique_ptr<uint8_t[]>> buffers;
+    for (const Piece& datagram : datagrams) {
+        const size_t total = offset + datagram.length;
+        buffers.emplace_back(new uint8_t[total == 0 ? 1 : total]);
+        uint8_t* const buffer = buffers.back().get();
+        std::memset(buffer, 0x45, offset);
+        if (datagram.length > 0) std::memcpy(buffer + offset, datagram.bytes, datagram.length);
+        if ((data[2] & 0x10) != 0) rightTcpChecksum(buffer + offset, datagram.length);
+        pdu::PDU p;
+        p._buf = buffer;
+        p._cap = static_cast<uint16_t>(total);
+        p._begin = offset;
+        p._end = static_cast<uint16_t>(total);
+        try {
+            handleGreDatagram(h.context, source, p, h.batch);
+        } catch (int error) {
+            if (error != 22 && error != 55) std::abort();
+        }
     }
     // As the loop does after every batch.
     h.batch.flush();

@@ -66,6 +66,40 @@ def tcp_ipv6_super(payload: int) -> bytes:
     return struct.pack("!IHBB", 0x60000000, len(tcp), 6, 64) + source + destination + tcp
 
 
+def tcp_segments_ipv4(count: int, payload: int, psh_last: bool) -> list:
+    """count consecutive IPv4 TCP segments of one flow (ACK, IDs one up, right
+    checksums), the kind a tap with offloads takes merged."""
+    out = []
+    source, destination = bytes([203, 0, 113, 9]), bytes([192, 0, 2, 10])
+    for i in range(count):
+        flags = 0x18 if psh_last and i == count - 1 else 0x10
+        data = bytes((i * 17 + j * 3) & 0xFF for j in range(payload))
+        tcp = struct.pack("!HHIIBBHHH", 80, 40000, 5000 + i * payload, 77, 0x50, flags, 502,
+                          0, 0) + data
+        pseudo = source + destination + struct.pack("!BBH", 0, 6, len(tcp))
+        tcp = tcp[:16] + struct.pack("!H", checksum(pseudo + tcp)) + tcp[18:]
+        header = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(tcp), 0x2000 + i, 0x4000, 64,
+                             6, 0, source, destination)
+        header = header[:10] + struct.pack("!H", checksum(header)) + header[12:]
+        out.append(header + tcp)
+    return out
+
+
+def tcp_segments_ipv6(count: int, payload: int) -> list:
+    """count consecutive IPv6 TCP segments of one flow with right checksums."""
+    out = []
+    source = bytes.fromhex("20010db8000000000000000000000020")
+    destination = bytes.fromhex("20010db8000000000000000000000010")
+    for i in range(count):
+        data = bytes((i * 11 + j * 5) & 0xFF for j in range(payload))
+        tcp = struct.pack("!HHIIBBHHH", 80, 40000, 9000 + i * payload, 77, 0x50, 0x10, 502,
+                          0, 0) + data
+        pseudo = source + destination + struct.pack("!IxxxB", len(tcp), 6)
+        tcp = tcp[:16] + struct.pack("!H", checksum(pseudo + tcp)) + tcp[18:]
+        out.append(struct.pack("!IHBB", 0x60000000, len(tcp), 6, 64) + source + destination + tcp)
+    return out
+
+
 def offload(segmentation: int, partial: bool, segment_size: int, header_length: int,
             checksum_start: int, checksum_offset: int) -> bytes:
     """What a tap with offloads says of a read, as the egress fuzzer takes it."""
@@ -122,6 +156,19 @@ def main() -> None:
     write("egress_fuzz", "partial_checksum_udp.bin",
           bytes([0x00, 0x80, 0x04]) + offload(0, True, 0, 0, 34, 6),
           BROADCAST + OWN_MAC + b"\x08\x00" + ipv4_udp(300))
+    # One batch of consecutive TCP segments to tap0 (untagged, key mode
+    # ignore), the taps taking merged frames (byte 2: several datagrams,
+    # merging, checksums made right); then IPv6 segments tagged for VLAN 20.
+    gre = bytes([0x00, 0x00, 0x65, 0x58])
+    batch = b"".join(struct.pack("!H", len(d)) + d for d in (
+        gre + bytes.fromhex("02005e000001") + OWN_MAC + b"\x08\x00" + segment
+        for segment in tcp_segments_ipv4(4, 1400, True)))
+    write("ingress_fuzz", "batch_tcp_ipv4_segments_merged.bin", bytes([0x00, 0x02, 0x1C]), batch)
+    batch = b"".join(struct.pack("!H", len(d)) + d for d in (
+        gre + bytes.fromhex("02005e000001") + OWN_MAC + tagged(20) + b"\x86\xdd" + segment
+        for segment in tcp_segments_ipv6(3, 1200)))
+    write("ingress_fuzz", "batch_tcp_ipv6_segments_merged_vlan20.bin", bytes([0x00, 0x02, 0x1C]),
+          batch)
 
     # Small frames through the other decisions.
     tap_mac = bytes.fromhex("02005e000100")
