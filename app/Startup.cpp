@@ -6,8 +6,10 @@
 
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -20,6 +22,7 @@
 #include "app/Version.h"
 #include "app/idle_platform.h"
 #include "app/interfaces.h"
+#include "app/privileges.h"
 #include "control/ControlSocket.h"
 #include "core/Config.h"
 #include "core/Logger.h"
@@ -42,12 +45,25 @@ struct Threads {
     std::vector<std::thread> taps = std::vector<std::thread>(kVlanCount);
 };
 
+// Privileges are given up thread by thread (see privileges.h); a failure
+// is told and the daemon runs on, as it did before it gave them up.
+void giveUpPrivileges(Logger& logger) {
+    if (const int error = dropPrivileges(); error != 0)
+        VXBRD_LOG(logger, Warning, "cannot drop privileges: %s", std::strerror(error));
+}
+
 // A thread that cannot be started ends the daemon: it would run without a
-// part of its work.
+// part of its work. Each thread's endpoint is open before the thread starts,
+// so the thread gives up its privileges before anything else.
 template <typename... Args>
 std::thread startThread(Logger& logger, Args&&... args) {
     try {
-        return std::thread(std::forward<Args>(args)...);
+        return std::thread(
+            [&logger](auto&&... call) {
+                giveUpPrivileges(logger);
+                std::invoke(std::forward<decltype(call)>(call)...);
+            },
+            std::forward<Args>(args)...);
     } catch (const std::system_error& error) {
         VXBRD_LOG(logger, Error, "Critical error - %s (%d)", error.what(), error.code().value());
         std::exit(-1);
@@ -205,6 +221,9 @@ int daemonMain(int argc, char** argv) {
 
     // Before any thread exists, so that every thread belongs to the daemon.
     if (options.daemonize) daemonize(logger, options.pid_path.c_str());
+    // A reader of standard output that has gone (vxbrd -f | logger, a start
+    // over ssh) must not end the daemon at the control thread's next line.
+    std::signal(SIGPIPE, SIG_IGN);
 
     tunnelContext().logger = &logger;
     logTunnelPolicy(logger);
@@ -220,6 +239,8 @@ int daemonMain(int argc, char** argv) {
     }
     openTapEndpoints(logger, threads);
     logForwarding(logger);
+    // Every endpoint is open: main needs no privilege from here on either.
+    giveUpPrivileges(logger);
 
     // The threads do the work; main only has to stay alive, out of their
     // way (the idle class; refused, it sleeps as before), and tell a service

@@ -1,7 +1,8 @@
 #include "control/ControlSocket.h"
 
-#include <poll.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -11,11 +12,9 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
-#include <vector>
 
 #include "control/Reports.h"
 #include "control/socket_platform.h"
-#include "core/Descriptor.h"
 
 namespace lumora {
 
@@ -24,7 +23,8 @@ namespace {
 constexpr size_t kRequestSize = 80;
 
 // Messages of this thread go to standard output, flushed per line so that an
-// operator watching a pipe sees them as they happen.
+// operator watching a pipe sees them as they happen. A reader that has gone
+// away costs nothing: the daemon ignores SIGPIPE and the lines are lost.
 __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -33,8 +33,19 @@ __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
     std::fflush(stdout);
 }
 
-// The listening socket, or none when it cannot be bound or listened on.
-Descriptor openListener(const std::string& path) {
+// Blocking with a send time-out, on every system alike: an accepted socket
+// inherits the listener's non-blocking mode on some systems, which would cut
+// a large report short. Returns false with errno set when the socket refuses.
+bool blockingWithSendTimeout(int client) {
+    const int flags = fcntl(client, F_GETFL);
+    if (flags < 0 || fcntl(client, F_SETFL, flags & ~O_NONBLOCK) < 0) return false;
+    const timeval limit{kSendTimeoutMilliseconds / 1000, (kSendTimeoutMilliseconds % 1000) * 1000};
+    return setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
+}
+
+}  // namespace
+
+Descriptor openControlListener(const std::string& path) {
     unlink(path.c_str());  // a socket file left by an earlier run goes
     Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
@@ -54,16 +65,40 @@ Descriptor openListener(const std::string& path) {
     return listener;
 }
 
-void acceptAll(int listener, std::vector<int>& descriptors) {
+ControlServer::ControlServer(Descriptor listening, Tables& tables)
+    : listener(std::move(listening)), tables(tables), descriptors{listener.get()} {}
+
+ControlServer::~ControlServer() {
+    for (const int client : clients()) close(client);
+}
+
+std::vector<int> ControlServer::clients() const {
+    return std::vector<int>(descriptors.begin() + 1, descriptors.end());
+}
+
+void ControlServer::acceptAll() {
     for (;;) {
-        const int client = accept(listener, nullptr, nullptr);
+        const int client = accept(listener.get(), nullptr, nullptr);
         if (client < 0) return;
+        if (descriptors.size() >= table.size()) {
+            say("Refused connection. client_socket=%d: %zu connections open\n", client,
+                descriptors.size() - 1);
+            close(client);
+            continue;
+        }
+        if (!blockingWithSendTimeout(client)) {
+            const int error = errno;
+            say("Refused connection. client_socket=%d: %s[%d]\n", client, std::strerror(error),
+                error);
+            close(client);
+            continue;
+        }
         say("Accepted connection. client_socket=%d\n", client);
         descriptors.push_back(client);
     }
 }
 
-void serveRequest(int client, std::vector<int>& descriptors, Tables& tables) {
+void ControlServer::serveRequest(int client) {
     char request[kRequestSize];
     const ssize_t received = recv(client, request, sizeof request, 0);
     if (received < 0) return;
@@ -76,46 +111,45 @@ void serveRequest(int client, std::vector<int>& descriptors, Tables& tables) {
     }
     const std::string reply =
         replyTo(tables, std::string_view(request, static_cast<size_t>(received)));
-    // One send, result ignored, as clients expect; a peer that has gone must
-    // not take the daemon with it, hence no SIGPIPE.
+    // One send, result ignored, as clients expect: a client that has gone or
+    // stopped reading loses (the rest of) its reply. It waits at most the
+    // send time-out, and a peer that has gone raises no SIGPIPE.
     (void)send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
 }
 
-}  // namespace
+int ControlServer::pass(int timeout_ms) {
+    const size_t n = descriptors.size();
+    for (size_t i = 0; i < n; ++i) table[i] = {descriptors[i], POLLIN, 0};
+    const int ready = poll(table.data(), n, timeout_ms);
+    if (ready < 0) {
+        const int error = errno;
+        say("poll() error: %s[%d]\n", std::strerror(error), error);
+        return ready;
+    }
+    for (size_t i = 0; i < n; ++i) {
+        const pollfd entry = table[i];
+        if (entry.revents == 0) continue;
+        if (entry.revents != POLLIN) {
+            // The hung-up descriptor stays; it is met again at the next poll.
+            say("  Error! revents = %d\n", static_cast<int16_t>(entry.revents));
+            break;
+        }
+        if (entry.fd == listener.get()) {
+            acceptAll();
+        } else {
+            serveRequest(entry.fd);
+        }
+    }
+    return ready;
+}
 
 void controlSocketServer(const std::string& path, Tables& tables) {
-    // Kept for the thread's life, which is the process's.
-    const Descriptor listening = openListener(path);
+    Descriptor listening = openControlListener(path);
     if (!listening.valid()) return;
-    const int listener = listening.get();
-    std::vector<int> descriptors{listener};
-    // Grows with the descriptor list, so the number of clients is not capped.
-    std::vector<pollfd> table;
+    // Kept for the thread's life, which is the process's.
+    ControlServer server(std::move(listening), tables);
     for (;;) {
-        table.assign(descriptors.size(), pollfd{});
-        for (size_t i = 0; i < descriptors.size(); ++i) table[i] = {descriptors[i], POLLIN, 0};
-        const int ready = poll(table.data(), table.size(), 1000);
-        if (ready == 0) {
-            usleep(1000);
-            continue;
-        }
-        if (ready < 0) {
-            say("poll() error: %s[%d]\n", std::strerror(errno), errno);
-            continue;
-        }
-        for (const pollfd& entry : table) {
-            if (entry.revents == 0) continue;
-            if (entry.revents != POLLIN) {
-                // The hung-up descriptor stays; it is met again at the next poll.
-                say("  Error! revents = %d\n", static_cast<int16_t>(entry.revents));
-                break;
-            }
-            if (entry.fd == listener) {
-                acceptAll(listener, descriptors);
-            } else {
-                serveRequest(entry.fd, descriptors, tables);
-            }
-        }
+        if (server.pass(1000) == 0) usleep(1000);
     }
 }
 

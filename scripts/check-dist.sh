@@ -68,7 +68,7 @@ grep -qx "ExecStart=/usr/sbin/vxbrd -f -c /etc/vxobrd.conf" \
 echo "--- mandoc -T lint"
 # Manuals of FreeBSD or of packages a build host need not have; a reference
 # to anything else, our own pages included, must resolve.
-elsewhere='(rc\.conf 5|newsyslog 8|syslogd 8|tap 4|pf 4|ipfw 8|syslog 3|fork 2|jq 1|cron 8|daemon 8|promtool 1)'
+elsewhere='(rc\.conf 5|newsyslog 8|syslogd 8|tap 4|pf 4|pf\.conf 5|ipfw 8|syslog 3|fork 2|jq 1|cron 8|daemon 8|promtool 1|jail 8|rctl 8|epair 4|mac_portacl 4|capsicum 4|sendto 2|loader\.conf 5)'
 for page in app/vxbrd.8 app/vxobrd.conf.5 vxbrdctl/vxbrdctl.8; do
     messages=$(mandoc -T lint -W style -M "$stage/local/usr/local/share/man:/usr/share/man" "$page" 2>&1 |
         grep -v -e 'outdated mandoc.db' \

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs every test of vxbrd on a fresh Debian machine, as root: installs what is
 # missing, builds, runs the unit tests, the end-to-end tests in network
-# namespaces, the sanitizer builds, the fuzzers for a bounded time, and the
-# FreeBSD cross build. Exits non-zero on the first failure.
+# namespaces, the sanitizer builds, the fuzzers for a bounded time
+# (scripts/fuzz.sh), and the FreeBSD cross build. Exits non-zero on the first
+# failure.
 #
 #   scripts/test.sh           everything (what CI runs)
 #   scripts/test.sh --quick   build, unit tests and end-to-end tests only
@@ -125,26 +126,7 @@ step "end-to-end tests against the ThreadSanitizer daemon"
 e2e_sanitized build-tsan
 
 step "fuzzers (${fuzz_seconds}s each, ASan + UBSan)"
-CXX=clang++ configure build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVXBRD_FUZZ=ON -DBUILD_TESTING=ON
-cmake --build build-fuzz -j"$jobs"
-shopt -s nullglob
-fuzzers=(build-fuzz/tests/*_fuzz)
-[ "${#fuzzers[@]}" -gt 0 ] || { echo "no fuzzers were built" >&2; exit 1; }
-for fuzzer in "${fuzzers[@]}"; do
-    name=$(basename "$fuzzer")
-    corpus=$(mktemp -d)
-    log=$(mktemp)
-    seeds=()
-    [ -d "$root/tests/fuzz/corpus/$name" ] && seeds=("$root/tests/fuzz/corpus/$name")
-    echo "--- $name"
-    if ! "$fuzzer" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" "${seeds[@]}" >"$log" 2>&1; then
-        tail -n 60 "$log" >&2
-        echo "$name found a problem" >&2
-        exit 1
-    fi
-    grep -E '^stat::number_of_executed_units' "$log" || true
-    rm -rf "$corpus" "$log"
-done
+VXBRD_FUZZ_SECONDS=$fuzz_seconds "$root/scripts/fuzz.sh"
 
 step "manual pages, service files (systemd-analyze verify, security), install layout"
 "$root/scripts/check-dist.sh" build

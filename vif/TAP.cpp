@@ -20,6 +20,7 @@ constexpr long kMinMtu = 72;
 constexpr long kMaxMtu = 1500;
 // The read is bounded by the space behind the headroom.
 constexpr uint16_t kReadSize = TAP::kBufferSize - TAP::kHeadroom;
+constexpr long kEthernetHeader = 14;
 // With offloads a read takes the largest frame a 16-bit view can hold
 // behind the headroom; the header lands in the headroom's last bytes.
 constexpr size_t kOffloadRead = 65535 - TAP::kHeadroom;
@@ -46,9 +47,16 @@ TAP::TAP(Logger* logger, const char* interface, bool offloads)
     mtu_value = opened.mtu;
     offload = opened.offloads;
     fd = std::move(opened.fd);
-    buffer = std::make_unique_for_overwrite<uint8_t[]>(offload ? kOffloadArea
-                                                               : size_t{kBufferSize} * kMaxBatch);
+    // Without offloads, one byte more than the slots: see readFrames.
+    buffer = std::make_unique_for_overwrite<uint8_t[]>(
+        offload ? kOffloadArea : size_t{kBufferSize} * kMaxBatch + 1);
     VXBRD_LOG(*logger, Notice, "%s mtu: %ld", name_text, mtu_value);
+    if (mtu_value + kEthernetHeader > kReadSize) {
+        VXBRD_LOG(*logger, Warning,
+                  "%s mtu %ld exceeds the read buffer: frames up to %u bytes are carried, "
+                  "longer ones are dropped",
+                  name_text, mtu_value, static_cast<unsigned>(kReadSize));
+    }
     VXBRD_LOG(*logger, Notice, "%s ready", name_text);
 }
 
@@ -76,15 +84,21 @@ unsigned TAP::readBatch(std::span<pdu::PDU> frames) {
     return readFrames(frames, std::span(offloads));
 }
 
+// An ordinary frame longer than kReadSize is dropped with a line and its slot
+// read again, never handed on cut short. Without offloads each read asks for
+// one byte more than the slot holds: a device hands a frame longer than the
+// read only in part, and the extra byte is how such a frame shows. It lands
+// in the next slot's headroom (or the byte behind the last slot) before that
+// slot is read into. With offloads a read takes 64 kB, so the length shows.
 unsigned TAP::readFrames(std::span<pdu::PDU> frames, std::span<pdu::Offload> offloads) {
     const unsigned limit = std::min<unsigned>({batch_limit, static_cast<unsigned>(frames.size()),
                                                static_cast<unsigned>(offloads.size())});
     const size_t header = offload ? VnetHeader::kLength : 0;
-    const size_t read_size = offload ? kOffloadRead + header : kReadSize;
+    const size_t read_size = offload ? kOffloadRead + header : size_t{kReadSize} + 1;
     const size_t area = offload ? kOffloadArea : size_t{kBufferSize} * kMaxBatch;
     size_t at = 0;
     unsigned count = 0;
-    for (; count < limit && area - at >= (offload ? kOffloadSlot : kBufferSize); ++count) {
+    while (count < limit && area - at >= (offload ? kOffloadSlot : kBufferSize)) {
         uint8_t* const slot = buffer.get() + at;
         uint8_t* const into = slot + kHeadroom - header;
         ssize_t got;
@@ -118,14 +132,20 @@ unsigned TAP::readFrames(std::span<pdu::PDU> frames, std::span<pdu::Offload> off
                                      static_cast<uint16_t>(kHeadroom + n),
                                      {0, 0}};
             at += (kHeadroom + n + kBufferSize - 1) / kBufferSize * kBufferSize;
+            ++count;
             continue;
         }
         // An ordinary frame is what a plain read gives: at most kReadSize
         // bytes in a slot of kBufferSize.
-        n = std::min<size_t>(n, kReadSize);
+        if (n > kReadSize) {
+            VXBRD_LOG(*logger, Notice, "%s: frame longer than %u bytes dropped", name_text,
+                      static_cast<unsigned>(kReadSize));
+            continue;
+        }
         frames[count] =
             pdu::PDU{slot, kBufferSize, kHeadroom, static_cast<uint16_t>(kHeadroom + n), {0, 0}};
         at += kBufferSize;
+        ++count;
     }
     return count;
 }

@@ -1,6 +1,6 @@
-"""The control socket under load: 500 clients connected at once, 10,000
-connect-request-half-close cycles that must leave the daemon's descriptors
-as they were, and the clients report of 100,000 clients learned from GRE
+"""The control socket under load: 500 clients connected at once (199 served,
+the rest refused), 10,000 connect-request-half-close cycles that must leave
+the daemon's descriptors as they were, and the clients report of 100,000 clients learned from GRE
 traffic (its production time is measured and printed).
 
     ap ns                                      hub ns: vxbrd -f
@@ -59,49 +59,60 @@ def tunnel(vxbrd_binary, tmp_path_factory):
         yield built
 
 
-def test_five_hundred_simultaneous_clients(tunnel):
+def test_five_hundred_simultaneous_clients_the_poll_table_serves_199(tunnel):
     daemon = tunnel.daemon
     pid = daemon.pid
     before = open_descriptors(pid)
     mark = control_output_mark(daemon)
     connections = [control_connect(pid, timeout=10.0) for _ in range(500)]
+    # The poll table holds the listener and 199 clients; the daemon accepts
+    # in order of connection and closes every connection beyond those at once.
+    served, refused = connections[:199], connections[199:]
     try:
-        # More than a fixed poll table of 200 would hold: all are polled.
-        wait_until(lambda: len(open_descriptors(pid)) == len(before) + 500, timeout=10.0,
-                   what="500 accepted connections")
+        for s in refused:
+            assert control_read(s, 1, timeout=10.0) == b"", "a refused connection is closed"
+        wait_until(lambda: len(open_descriptors(pid)) == len(before) + 199, timeout=10.0,
+                   what="199 accepted connections")
         replies = []
-        for n, s in enumerate(connections):
+        for n, s in enumerate(served):
             request, reply = ((b"peers", PEERS), (b"CLIENTS\n", CLIENTS),
                               (b"req%d" % n, unknown(b"req%d" % n)))[n % 3]
             s.sendall(request)
             replies.append(reply)
-        for s, reply in zip(connections, replies):
+        for s, reply in zip(served, replies):
             assert control_read(s, len(reply)) == reply
         # A second round on the same, still open, connections.
-        for s in connections:
+        for s in served:
             s.sendall(b"Peers")
-        for s in connections:
+        for s in served:
             assert control_read(s, len(PEERS)) == PEERS
-        for s in connections:
+        for s in served:
             s.shutdown(socket.SHUT_WR)
-        for s in connections:
+        for s in served:
             assert control_read(s, 1) == b"", "the daemon closes after the half-close"
     finally:
         for s in connections:
             s.close()
     wait_until(lambda: open_descriptors(pid) == before, timeout=10.0,
-               what="the daemon to close all 500")
-    # Printed before each close; the pipe may still be delivering them.
+               what="the daemon to close all 199")
+    # Printed as they happen; the pipe may still be delivering them.
     lines = wait_until(lambda: (lambda out: out.splitlines() if (
-        out.count("\n") >= 1000 and out.endswith("\n")) else None)(daemon.stdout()[mark:]),
-        what="the 1000 connection messages")
+        out.count("\n") >= 699 and out.endswith("\n")) else None)(daemon.stdout()[mark:]),
+        what="the 699 connection messages")
     accepted = [int(line.rsplit("=", 1)[1]) for line in lines
                 if line.startswith("Accepted connection. client_socket=")]
     closed = [int(line.rsplit("=", 1)[1]) for line in lines
               if line.startswith("Connection closed. client socket=")]
-    assert len(lines) == 1000
-    assert len(set(accepted)) == 500 and sorted(accepted) == sorted(closed)
+    refusals = [line for line in lines if line.startswith("Refused connection. ")]
+    assert len(lines) == 699
+    assert len(set(accepted)) == 199 and sorted(accepted) == sorted(closed)
     assert not set(accepted) & before
+    assert len(refusals) == 301
+    for line in refusals:
+        number = line[len("Refused connection. client_socket="):].split(":")[0]
+        assert line == f"Refused connection. client_socket={int(number)}: 199 connections open"
+    # With the table free again, new connections are served.
+    assert tunnel.control(b"peers") == PEERS
 
 
 def test_ten_thousand_half_closed_cycles_leave_descriptors_as_they_were(tunnel):

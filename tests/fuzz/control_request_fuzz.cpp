@@ -1,109 +1,24 @@
-// Arbitrary control-socket requests through replyTo, against small tables
-// filled once: two peers (IPv4 and IPv6), three clients (one keyed and
-// tagged, one on a mapped VLAN, one without a peer). Each reply is checked
-// against the protocol: with every newline removed, "peers" and "clients"
-// in any case get their reports; anything else gets the unknown-request
-// reply quoting the request.
+// Arbitrary control-socket requests through replyTo, the reply to the bytes
+// of one read, against the tables of control_tables.h; each reply is checked
+// against the protocol. control_server_fuzz drives the serving loop itself.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "control/Reports.h"
-#include "tests/unit/tunnel/recording_support.h"
-#include "tunnel/Learning.h"
+#include "tests/fuzz/control_tables.h"
 
 namespace {
 
-using namespace lumora;
-
 constexpr size_t kMaxRequest = 4096;
-
-struct Filled {
-    Filled() : socket("eth0", "192.0.2.1") {
-        logger.stream = std::fopen("/dev/null", "w");
-        if (logger.stream == nullptr) std::abort();
-
-        const uint8_t keyed[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-        Sighting s;
-        s.family = AF_INET;
-        s.ipv4 = test::ipv4Of("192.0.2.10");
-        s.endpoint = &socket;
-        s.policyVlan = 20;
-        s.tagVlan = 20;
-        s.hasKey = true;
-        s.key = 7;
-        s.mac = keyed;
-        s.frameLength = 60;
-        learn(tables, &logger, s);
-
-        const uint8_t mapped[6] = {0x02, 0x00, 0x5e, 0x00, 0x00, 0x0a};
-        Sighting m;
-        m.family = AF_INET6;
-        m.ipv6 = test::ipv6Of("2001:db8::5");
-        m.endpoint = &socket;
-        m.policyVlan = 30;
-        m.hasKey = true;
-        m.key = 30;
-        m.mac = mapped;
-        m.frameLength = 1514;
-        learn(tables, &logger, m);
-
-        const uint8_t lonely[6] = {0x02, 0x00, 0x5e, 0x00, 0x00, 0xff};
-        bool inserted = false;
-        tables.insertClient(clientKeyOf(lonely, 0), std::make_unique<ClientRecord>(lonely),
-                            inserted);
-
-        peers = peersReport(tables);
-        clients = clientsReport(tables);
-        // The harness is only worth running against reports that hold something.
-        if (peers.find("peer: 192.0.2.10, vlan: 20\n") == std::string::npos ||
-            peers.find("peer: 2001:db8::5, vlan: 30\n") == std::string::npos ||
-            clients.find("  mapped vlan: 30\n") == std::string::npos ||
-            clients.find("  peer: unknown\n") == std::string::npos)
-            std::abort();
-    }
-
-    Logger logger;
-    test::RecordingGreSocket socket;
-    Tables tables;
-    std::string peers;
-    std::string clients;
-};
-
-bool sameLetters(const std::string& text, const char* word) {
-    size_t i = 0;
-    for (; word[i] != '\0'; ++i) {
-        if (i >= text.size()) return false;
-        char c = text[i];
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c != word[i]) return false;
-    }
-    return i == text.size();
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static Filled* filled = new Filled;
+    static lumora::fuzz::ControlTables* filled = new lumora::fuzz::ControlTables;
     if (size > kMaxRequest) return 0;
     const std::string_view request(reinterpret_cast<const char*>(data), size);
-    const std::string reply = replyTo(filled->tables, request);
-
-    std::string text;
-    for (char c : request)
-        if (c != '\n') text += c;
-    std::string expected;
-    if (sameLetters(text, "peers")) {
-        expected = filled->peers;
-    } else if (sameLetters(text, "clients")) {
-        expected = filled->clients;
-    } else {
-        expected =
-            "Unknown Request: '" + text + "'\nValid Requests: peers\n                clients\n";
-    }
-    if (reply != expected) std::abort();
+    if (lumora::replyTo(filled->tables, request) != filled->expectedReply(request)) std::abort();
     return 0;
 }

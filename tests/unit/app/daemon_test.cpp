@@ -27,7 +27,8 @@ using test::readFile;
 // Where the syslog stand-in of the forked processes writes ("<priority> <text>").
 int syslog_record_fd = -1;
 
-[[gnu::format(printf, 2, 0)]] void recordSyslog(int priority, const char* format, va_list args) {
+__attribute__((format(printf, 2, 0))) void recordSyslog(int priority, const char* format,
+                                                        va_list args) {
     char text[512];
     std::vsnprintf(text, sizeof text, format, args);
     dprintf(syslog_record_fd, "%d %s\n", priority, text);

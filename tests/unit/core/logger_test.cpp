@@ -49,7 +49,8 @@ struct SyslogCall {
 };
 std::vector<SyslogCall> syslog_calls;
 
-[[gnu::format(printf, 2, 0)]] void recordSyslog(int priority, const char* format, va_list args) {
+__attribute__((format(printf, 2, 0))) void recordSyslog(int priority, const char* format,
+                                                        va_list args) {
     char text[512];
     std::vsnprintf(text, sizeof text, format, args);
     syslog_calls.push_back({priority, text});

@@ -96,7 +96,8 @@ TEST_F(IngressDump, NoticeDumpsNothing) {
 
 // What the logger hands syslog, formatted.
 std::vector<std::string> syslogLines;
-[[gnu::format(printf, 2, 0)]] void recordSyslog(int, const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) void recordSyslog(int, const char* format,
+                                                        va_list arguments) {
     char text[256];
     std::vsnprintf(text, sizeof text, format, arguments);
     syslogLines.push_back(text);
