@@ -85,15 +85,19 @@ def load_table(points: list[Point], outcomes: dict, options) -> str:
 
 
 def latency_table(results: dict) -> str:
-    tunnel_median = statistics.median(r[0] for r in results["tunnel"])
-    tunnel_p99 = statistics.median(r[1] for r in results["tunnel"])
-    veth_median = statistics.median(r[0] for r in results["veth"])
-    veth_p99 = statistics.median(r[1] for r in results["veth"])
-    return "\n".join([
-        "| round trip (ms) | median | 99th percentile |",
-        "|---|---|---|",
-        f"| bare veth | {veth_median:.3f} | {veth_p99:.3f} |",
-        f"| two-daemon tunnel | {tunnel_median:.3f} | {tunnel_p99:.3f} |",
-        f"| added by the tunnel | {tunnel_median - veth_median:.3f} | "
-        f"{tunnel_p99 - veth_p99:.3f} |",
-    ])
+    """Round trips through each tunnel and the bare veth, medians over the
+    runs; "added" rows subtract the veth's figure of the same runs."""
+    def median_of(name: str, column: int) -> float:
+        return statistics.median(r[column] for r in results[name])
+    veth = (median_of("veth", 0), median_of("veth", 1))
+    rows = ["| round trip (ms) | median | 99th percentile |", "|---|---|---|",
+            f"| bare veth | {veth[0]:.3f} | {veth[1]:.3f} |"]
+    tunnels = [name for name in results if name != "veth"]
+    for name in tunnels:
+        label = "two-daemon tunnel" + (" (before)" if name.endswith("before") else "")
+        rows.append(f"| {label} | {median_of(name, 0):.3f} | {median_of(name, 1):.3f} |")
+    for name in tunnels:
+        label = "added by the tunnel" + (" (before)" if name.endswith("before") else "")
+        rows.append(f"| {label} | {median_of(name, 0) - veth[0]:.3f} | "
+                    f"{median_of(name, 1) - veth[1]:.3f} |")
+    return "\n".join(rows)

@@ -297,7 +297,10 @@ class Bench:
 
     def latency(self) -> dict:
         """Two daemons (the access point's in server mode, -s); ping across
-        the tunnel against ping across the bare veth, from the access point."""
+        the tunnel against ping across the bare veth, from the access point.
+        With --before, each run also pings through a tunnel of the earlier
+        build, its daemons started afresh in the same topology, so the two
+        tunnels' figures come from the same minutes of the host."""
         s = self.spaces
         hub, ap = s.add("lh"), s.add("la")
         s.ip(hub, "link", "add", "hub0", "type", "veth", "peer", "name", "ap0", "netns", ap)
@@ -307,37 +310,49 @@ class Bench:
             s.ip(ns, "link", "set", "hub0" if ns == hub else "ap0", "up")
             s.ip(ns, "tuntap", "add", "dev", "tap0", "mode", "tap")
             s.ip(ns, "addr", "add", address, "dev", "tap0")
-        daemons = []
-        for ns, cpu, extra in ((hub, 0, ""), (ap, 1, f"-s {HUB_IP}")):
-            config = self.scratch / f"latency-{ns}.conf"
-            config.write_text("tap0 1\n")
-            script = (f'mount -t tmpfs tmpfs /run && exec nice -n {self.o.nice} taskset -c {cpu} '
-                      f'"$0" -f -v {extra} -c "$1"')
-            output = self.scratch / f"latency-{ns}.log"
-            daemons.append(s.start(["ip", "netns", "exec", ns, "unshare", "--mount",
+        tunnels = [("tunnel", self.vxbrd)]
+        if self.before:
+            tunnels.append(("tunnel before", self.before))
+        results = {"veth": [], **{name: [] for name, _ in tunnels}}
+        for _ in range(self.o.runs):
+            results["veth"].append(self.ping(ap, HUB_IP, "veth"))
+            for name, binary in tunnels:
+                daemons = [self.latency_daemon(binary, hub, 0, ""),
+                           self.latency_daemon(binary, ap, 1, f"-s {HUB_IP}")]
+                try:
+                    wait_until(lambda: subprocess.run(
+                        ["ip", "netns", "exec", ap, "ping", "-c", "1", "-W", "1", "203.0.113.1"],
+                        capture_output=True).returncode == 0, 15, "ping across the tunnel")
+                    results[name].append(self.ping(ap, "203.0.113.1", name))
+                finally:
+                    for daemon in daemons:
+                        s.stop(daemon)
+        return results
+
+    def latency_daemon(self, binary: str, ns: str, cpu: int, extra: str):
+        config = self.scratch / f"latency-{ns}.conf"
+        config.write_text("tap0 1\n")
+        script = (f'mount -t tmpfs tmpfs /run && exec nice -n {self.o.nice} taskset -c {cpu} '
+                  f'"$0" -f -v {extra} -c "$1"')
+        output = self.scratch / f"latency-{ns}.log"
+        output.unlink(missing_ok=True)
+        daemon = self.spaces.start(["ip", "netns", "exec", ns, "unshare", "--mount",
                                     "--propagation", "private", "--", "sh", "-c", script,
-                                    self.vxbrd, str(config)], output))
-            wait_until(lambda: "tap0 ready" in output.read_text(errors="replace"), 10,
-                       "latency daemon")
-        try:
-            wait_until(lambda: subprocess.run(
-                ["ip", "netns", "exec", ap, "ping", "-c", "1", "-W", "1", "203.0.113.1"],
-                capture_output=True).returncode == 0, 15, "ping across the tunnel")
-            results = {"tunnel": [], "veth": []}
-            for _ in range(self.o.runs):
-                for name, target in (("tunnel", "203.0.113.1"), ("veth", HUB_IP)):
-                    out = run(["ip", "netns", "exec", ap, "ping", "-n", "-c",
-                               str(self.o.pings), "-i", "0.005", "-W", "1", target],
-                              timeout=self.o.pings * 0.1 + 30, check=False)
-                    times = sorted(float(t) for t in re.findall(r"time=([\d.]+) ms", out))
-                    if len(times) < self.o.pings * 0.99:
-                        raise RuntimeError(f"ping {name}: {len(times)} of {self.o.pings} answered")
-                    p99 = times[min(len(times) - 1, math.ceil(0.99 * len(times)) - 1)]
-                    results[name].append((statistics.median(times), p99))
-            return results
-        finally:
-            for daemon in daemons:
-                s.stop(daemon)
+                                    binary, str(config)], output)
+        wait_until(lambda: "tap0 ready" in output.read_text(errors="replace"), 10,
+                   "latency daemon")
+        return daemon
+
+    def ping(self, ns: str, target: str, name: str) -> tuple:
+        """Median and 99th percentile round trip of one ping run, in ms."""
+        out = run(["ip", "netns", "exec", ns, "ping", "-n", "-c", str(self.o.pings),
+                   "-i", "0.005", "-W", "1", target],
+                  timeout=self.o.pings * 0.1 + 30, check=False)
+        times = sorted(float(t) for t in re.findall(r"time=([\d.]+) ms", out))
+        if len(times) < self.o.pings * 0.99:
+            raise RuntimeError(f"ping {name}: {len(times)} of {self.o.pings} answered")
+        p99 = times[min(len(times) - 1, math.ceil(0.99 * len(times)) - 1)]
+        return statistics.median(times), p99
 
 
 def main() -> int:
