@@ -110,6 +110,8 @@ topology() {  # topology PATH MTU: fresh namespaces wired for PATH
             "$VXBRD" -f -c "$work/hub.conf" >"$work/hub.log" 2>&1 &
         ip netns exec "$ap" unshare --mount sh -c 'mount -t tmpfs tmpfs /run && exec "$@"' vxbrd \
             "$VXBRD" -f -s 192.0.2.1 -c "$work/ap.conf" >"$work/ap.log" 2>&1 &
+        # Not jobs of this shell: their kill -9 at the next topology is no news.
+        disown -a
         ;;
     esac
     ip netns exec "$ap" ping -c 1 -W 2 192.0.2.1 >/dev/null
