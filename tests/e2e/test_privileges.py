@@ -25,17 +25,37 @@ EMPTY = "0000000000000000"
 SETS = ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb")
 
 
-def capability_sets(pid: int) -> dict:
-    """Thread id -> {set name: hex mask} for every thread of process pid."""
+def thread_status(pid: int) -> dict:
+    """Thread id -> the fields of its /proc status, for every thread of pid."""
     out = {}
     for tid in os.listdir(f"/proc/{pid}/task"):
         try:
             with open(f"/proc/{pid}/task/{tid}/status") as status:
-                fields = dict(line.rstrip("\n").split(":\t", 1) for line in status if ":\t" in line)
+                out[int(tid)] = dict(line.rstrip("\n").split(":\t", 1)
+                                     for line in status if ":\t" in line)
         except FileNotFoundError:
             continue
-        out[int(tid)] = {name: fields[name] for name in SETS}
     return out
+
+
+def runtime_helper(pid: int, fields: dict) -> bool:
+    """Whether a thread is the ThreadSanitizer runtime's own, not the
+    daemon's: the runtime starts its helper at the daemon's first
+    pthread_create, so it keeps what the main thread held then, and no call
+    of the daemon's can reach it (capabilities belong to each thread, and
+    the helper blocks every signal). Only where the process maps the
+    runtime; the daemon's own threads never block every signal."""
+    with open(f"/proc/{pid}/maps") as maps:
+        if "libtsan" not in maps.read():
+            return False
+    return bin(int(fields["SigBlk"], 16)).count("1") >= 60
+
+
+def capability_sets(pid: int) -> dict:
+    """Thread id -> {set name: hex mask} for every thread of the daemon's
+    own in process pid."""
+    return {tid: {name: fields[name] for name in SETS}
+            for tid, fields in thread_status(pid).items() if not runtime_helper(pid, fields)}
 
 
 def all_dropped(pid: int, threads: int):
