@@ -20,12 +20,14 @@ profile=${1:-test}
 # ping and python3 for the traffic it sends through the tunnel.
 demo_packages=(g++ cmake ninja-build iproute2 util-linux procps iputils-ping python3)
 # The test command adds: GoogleTest and Google Benchmark, clang and its
-# sanitizer and fuzzer runtimes, clang-format (the formatting check), pytest
+# sanitizer and fuzzer runtimes, llvm (llvm-symbolizer: the fuzzers' coverage
+# report names functions only through it, and clang only recommends it),
+# clang-format (the formatting check), pytest
 # and scapy, tshark (fragment reassembly checks), binutils (readelf for the
 # FreeBSD binary), mandoc, man-db and systemd (manual page and unit checks),
 # prometheus (promtool), python3-venv for the ziglang environment, and
 # iperf3 for the benchmarks.
-test_packages=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev clang-format
+test_packages=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev llvm clang-format
                python3-pytest python3-scapy python3-venv tshark binutils mandoc man-db
                systemd prometheus iperf3)
 
