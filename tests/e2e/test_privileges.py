@@ -38,24 +38,27 @@ def thread_status(pid: int) -> dict:
     return out
 
 
-def runtime_helper(pid: int, fields: dict) -> bool:
-    """Whether a thread is the ThreadSanitizer runtime's own, not the
-    daemon's: the runtime starts its helper at the daemon's first
-    pthread_create, so it keeps what the main thread held then, and no call
-    of the daemon's can reach it (capabilities belong to each thread, and
-    the helper blocks every signal). Only where the process maps the
-    runtime; the daemon's own threads never block every signal."""
+def maps_thread_sanitizer(pid: int) -> bool:
     with open(f"/proc/{pid}/maps") as maps:
-        if "libtsan" not in maps.read():
-            return False
+        return "libtsan" in maps.read()
+
+
+def blocks_every_signal(fields: dict) -> bool:
     return bin(int(fields["SigBlk"], 16)).count("1") >= 60
 
 
 def capability_sets(pid: int) -> dict:
     """Thread id -> {set name: hex mask} for every thread of the daemon's
-    own in process pid."""
+    own in process pid. Left out: the ThreadSanitizer runtime's helper,
+    where the process maps that runtime. The runtime starts it at the
+    daemon's first pthread_create, so it keeps what the main thread held
+    then, and no call of the daemon's can reach it (capabilities belong to
+    each thread, and the helper blocks every signal); the daemon's own
+    threads never block every signal."""
+    sanitized = maps_thread_sanitizer(pid)
     return {tid: {name: fields[name] for name in SETS}
-            for tid, fields in thread_status(pid).items() if not runtime_helper(pid, fields)}
+            for tid, fields in thread_status(pid).items()
+            if not (sanitized and blocks_every_signal(fields))}
 
 
 def all_dropped(pid: int, threads: int):
