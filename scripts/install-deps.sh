@@ -24,12 +24,13 @@ demo_packages=(g++ cmake ninja-build iproute2 util-linux procps iputils-ping pyt
 # report names functions only through it, and clang only recommends it),
 # clang-format (the formatting check), pytest
 # and scapy, tshark (fragment reassembly checks), binutils (readelf for the
-# FreeBSD binary), mandoc, man-db and systemd (manual page and unit checks),
+# FreeBSD binary), mandoc, man-db, manpages-dev (the C library's pages that
+# ours cite) and systemd (manual page and unit checks),
 # prometheus (promtool), python3-venv for the ziglang environment, and
 # iperf3 for the benchmarks.
 test_packages=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev llvm clang-format
                python3-pytest python3-scapy python3-venv tshark binutils mandoc man-db
-               systemd prometheus iperf3)
+               manpages-dev systemd prometheus iperf3)
 
 case "$profile" in
     demo) packages=("${demo_packages[@]}") ;;
