@@ -5,6 +5,8 @@
 #            GRE, else VXLAN + bridge (the table says which)
 #   vxbrd    a vxbrd tunnel: hub vxbrd, access point vxbrd -s, offloads on
 #   plain    the same with "offload-disable"
+#   before   the vxbrd tunnel (offloads on) with the daemon named by BEFORE,
+#            when BEFORE is set: an earlier build measured in the same run
 # iperf3 with 1 and 4 streams, both directions, inner MTU 1400 and 1500.
 # Prints one Markdown table: Gbit/s median and spread (min-max) of RUNS runs,
 # the daemons' CPU seconds per GB moved, and the ratio of each median to the
@@ -19,18 +21,23 @@
 #
 # Knobs (environment): RUNS (5), SECONDS_PER_RUN (5), PATHS, MTUS, STREAMS,
 # DIRECTIONS (up = access point -> hub, down = hub -> access point),
-# VXBRD (default build/vxbrd).
+# VXBRD (default build/vxbrd), BEFORE (another vxbrd binary: adds the path
+# "before").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ "$(id -u)" -eq 0 ] || { echo "bench/throughput.sh: run as root" >&2; exit 1; }
 RUNS=${RUNS:-5}
 SECONDS_PER_RUN=${SECONDS_PER_RUN:-5}
-PATHS=${PATHS:-"bare kernel vxbrd plain"}
+BEFORE=${BEFORE:-}
+PATHS=${PATHS:-"bare kernel vxbrd plain${BEFORE:+ before}"}
 MTUS=${MTUS:-"1400 1500"}
 STREAMS=${STREAMS:-"1 4"}
 DIRECTIONS=${DIRECTIONS:-"up down"}
 VXBRD=${VXBRD:-$PWD/build/vxbrd}
 [ -x "$VXBRD" ] || { echo "no $VXBRD: build first" >&2; exit 1; }
+case " $PATHS " in
+*" before "*) [ -x "$BEFORE" ] || { echo "path before: BEFORE must name a vxbrd binary" >&2; exit 1; } ;;
+esac
 command -v iperf3 >/dev/null || { echo "iperf3 is needed" >&2; exit 1; }
 
 hub=tpH-$$
@@ -96,7 +103,7 @@ topology() {  # topology PATH MTU: fresh namespaces wired for PATH
             i=$((i + 1))
         done
         ;;
-    vxbrd | plain)
+    vxbrd | plain | before)
         for ns in "$hub" "$ap"; do ip -n "$ns" tuntap add dev tap0 mode tap; done
         ip -n "$hub" addr add 203.0.113.1/24 dev tap0
         ip -n "$ap" addr add 203.0.113.2/24 dev tap0
@@ -104,12 +111,14 @@ topology() {  # topology PATH MTU: fresh namespaces wired for PATH
         ip -n "$ap" link set tap0 mtu "$mtu"
         local extra=""
         [ "$path" = plain ] && extra="offload-disable"
+        local daemon=$VXBRD
+        [ "$path" = before ] && daemon=$BEFORE
         printf 'tap0 1\nmss 1360\n%s\n' "$extra" >"$work/hub.conf"
         printf 'tap0 1\n%s\n' "$extra" >"$work/ap.conf"
         ip netns exec "$hub" unshare --mount sh -c 'mount -t tmpfs tmpfs /run && exec "$@"' vxbrd \
-            "$VXBRD" -f -c "$work/hub.conf" >"$work/hub.log" 2>&1 &
+            "$daemon" -f -c "$work/hub.conf" >"$work/hub.log" 2>&1 &
         ip netns exec "$ap" unshare --mount sh -c 'mount -t tmpfs tmpfs /run && exec "$@"' vxbrd \
-            "$VXBRD" -f -s 192.0.2.1 -c "$work/ap.conf" >"$work/ap.log" 2>&1 &
+            "$daemon" -f -s 192.0.2.1 -c "$work/ap.conf" >"$work/ap.log" 2>&1 &
         # Not jobs of this shell: their kill -9 at the next topology is no news.
         disown -a
         ;;
@@ -179,12 +188,12 @@ print(f"kernel tunnel: {sys.argv[3]} + bridge; {sys.argv[4]} runs of {sys.argv[5
 print()
 print("| inner MTU | streams | direction | path | Gbit/s median | spread (min-max) | daemon CPU s/GB | vs kernel tunnel |")
 print("|---|---|---|---|---|---|---|---|")
-for (mtu, streams, direction, path), runs in sorted(points.items(), key=lambda kv: (kv[0][0], kv[0][1], kv[0][2], "bare kernel vxbrd plain".split().index(kv[0][3]))):
+for (mtu, streams, direction, path), runs in sorted(points.items(), key=lambda kv: (kv[0][0], kv[0][1], kv[0][2], "bare kernel vxbrd plain before".split().index(kv[0][3]))):
     gbits = [b / 1e9 for b, _, _ in runs]
     median = statistics.median(gbits)
     moved = sum(n for _, n, _ in runs) / 1e9
     ticks = sum(t for _, _, t in runs)
-    cpu = f"{ticks / hz / moved:.2f}" if path in ("vxbrd", "plain") and moved > 0 else "-"
+    cpu = f"{ticks / hz / moved:.2f}" if path in ("vxbrd", "plain", "before") and moved > 0 else "-"
     kernel = points.get((mtu, streams, direction, "kernel"))
     ratio = "-"
     if kernel:
