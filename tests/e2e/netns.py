@@ -258,10 +258,13 @@ class VxbrdProcess:
         """Messages of the timestamped lines on stderr so far."""
         return strip_timestamps(self.stderr())
 
-    def wait_for_log(self, message: str, timeout: float = 5.0) -> list[str]:
-        """Waits until a timestamped stderr line carries exactly message; returns the log."""
-        return wait_until(lambda: self.log() if message in self.log() else None, timeout,
-                          what=f"log line {message!r}; stderr so far:\n{self.stderr()}")
+    def wait_for_log(self, message: str, timeout: float = 5.0, count: int = 1) -> list[str]:
+        """Waits until count timestamped stderr lines carry exactly message; returns the log."""
+        def enough() -> list[str] | None:
+            log = self.log()
+            return log if log.count(message) >= count else None
+        return wait_until(enough, timeout,
+                          what=f"{count} log line(s) {message!r}; stderr so far:\n{self.stderr()}")
 
     def wait_for_output(self, text: str, stream: str = "stderr", timeout: float = 5.0) -> str:
         """Waits until text occurs in stdout or stderr; returns that stream's text."""
