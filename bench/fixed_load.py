@@ -61,6 +61,7 @@ def main() -> int:
     point = tb.Point(options.direction, options.size, options.variant)
     try:
         bench.build_topology()
+        bench.start_sink()
         for _ in range(options.rounds):
             for entry in options.subjects:
                 label, _, path = entry.partition("=")
@@ -84,6 +85,7 @@ def main() -> int:
                             (per_packet, trial["loss"], busiest))
                 finally:
                     bench.spaces.stop(process)
+        bench.spaces.stop(bench.sink)
     finally:
         bench.spaces.cleanup()
     for (label, rate), rounds in results.items():

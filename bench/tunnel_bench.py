@@ -263,11 +263,18 @@ class Bench:
 
     # ------------------------------------------------ the runs
 
-    def measure(self, points: list[Point]) -> dict:
-        outcomes = {(p.label, s): Outcome() for p in points for s in self.o.subjects}
+    def start_sink(self) -> None:
+        """Holds a GRE socket open in the access point's namespace, so the
+        datagrams a subject sends end in a socket queue there; without one
+        the kernel answers each with the route lookup of an ICMP protocol
+        unreachable, in the subject's own context."""
         self.sink = self.spaces.start(
             ["ip", "netns", "exec", self.ap, self.traffic, "sink",
              str(self.o.subject_lifetime * 10)], self.scratch / "sink.log")
+
+    def measure(self, points: list[Point]) -> dict:
+        outcomes = {(p.label, s): Outcome() for p in points for s in self.o.subjects}
+        self.start_sink()
         started = time.monotonic()
         for run_index in range(self.o.runs):
             for point in points:

@@ -12,6 +12,7 @@
 //       a socket (and counted in /proc/net/raw) instead of answered with ICMP
 //
 // Prints "offered=N seconds=S" on success. Every loop is bounded by SECONDS.
+#include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
@@ -146,8 +147,16 @@ int main(int argc, char** argv) {
     if (mode == "sink" && argc == 3) {
         const int fd = socket(AF_INET, SOCK_RAW, 47);
         if (fd < 0) die("socket(GRE)");
-        const int rcvbuf = 4096;
-        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
+        // Every datagram is taken by the socket and dropped by its filter,
+        // never queued: the kernel counts it delivered. A socket whose queue
+        // is full is passed over instead, and the kernel then answers the
+        // datagram with an ICMP protocol unreachable, route lookup and all,
+        // in the softirq of whoever sent it: the subject's CPU time would
+        // carry the receiver's error path.
+        sock_filter drop_all[] = {{BPF_RET | BPF_K, 0, 0, 0}};
+        const sock_fprog program{1, drop_all};
+        if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) < 0)
+            die("SO_ATTACH_FILTER");
         const double end = now() + number(argv[2]);
         while (now() < end) sleep(1);
         return 0;
