@@ -13,15 +13,19 @@ namespace lumora::fuzz {
 
 // Whether the clamp would spin on an Ethernet frame whose ethertype lies at
 // type_at (12, or 16 behind a tag the path removes first): an IPv4 TCP
-// segment with SYN (and without ACK unless syn_ack_clamped), not a fragment,
-// whose option walk meets a zero-length option of an unknown kind.
-inline bool clampSpins(const uint8_t* frame, size_t length, size_t type_at, bool syn_ack_clamped) {
+// segment with SYN (and without ACK unless syn_ack_clamped), at fragment
+// offset 0 and, unless first_fragment_clamped, without more fragments to
+// come, whose option walk meets a zero-length option of an unknown kind.
+// The tap side clamps a first fragment too; the GRE side leaves it alone.
+inline bool clampSpins(const uint8_t* frame, size_t length, size_t type_at, bool syn_ack_clamped,
+                       bool first_fragment_clamped) {
     if (length < type_at + 2 || pdu::load16(frame + type_at) != 0x0800) return false;
     const uint8_t* ip = frame + type_at + 2;
     const size_t ip_length = length - (type_at + 2);
     if (ip_length < 20) return false;
     const size_t ihl = (ip[0] & 0x0f) * 4u;
-    if (ihl < 20 || ihl > ip_length || ip[9] != 6 || (pdu::load16(ip + 6) & 0x3fff) != 0)
+    const uint16_t fragment_bits = first_fragment_clamped ? 0x1fff : 0x3fff;
+    if (ihl < 20 || ihl > ip_length || ip[9] != 6 || (pdu::load16(ip + 6) & fragment_bits) != 0)
         return false;
     const uint8_t* tcp = ip + ihl;
     const size_t tcp_length = ip_length - ihl;

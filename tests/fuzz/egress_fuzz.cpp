@@ -188,12 +188,13 @@ Harness& harness() {
 
 // Whether the clamp could spin on this frame: frames whose tag the device
 // removes are clamped behind it; a tagged frame on a tagged device is not
-// IPv4 to the clamp. Both SYN and SYN+ACK are clamped on the way out.
+// IPv4 to the clamp. Both SYN and SYN+ACK are clamped on the way out, and a
+// first fragment as well.
 bool spinsInClamp(const uint8_t* frame, size_t length, uint16_t device_vlan) {
     if (length < 14) return false;
-    if (load16(frame + 12) != 0x8100) return fuzz::clampSpins(frame, length, 12, true);
+    if (load16(frame + 12) != 0x8100) return fuzz::clampSpins(frame, length, 12, true, true);
     if (device_vlan != 0 || length < 18) return false;
-    return fuzz::clampSpins(frame, length, 16, true);
+    return fuzz::clampSpins(frame, length, 16, true, true);
 }
 
 pdu::Offload offloadOf(const uint8_t* bytes) {

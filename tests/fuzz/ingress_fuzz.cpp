@@ -88,7 +88,7 @@ bool spinsInClamp(const uint8_t* gre, size_t size) {
         if (length < 22) return false;
         type_at = 16;
     }
-    return fuzz::clampSpins(frame, length, type_at, false);
+    return fuzz::clampSpins(frame, length, type_at, false, false);
 }
 
 // Makes the TCP checksum of the datagram's inner segment right, over every
