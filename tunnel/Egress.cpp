@@ -251,11 +251,14 @@ void runTapEgress(Logger* logger, vif::TAP* tap, uint16_t vlan) {
     for (;;) {
         pacing.beforeReceive();
         const unsigned count = tap->readFrames(frames, offloads);
-        for (unsigned i = 0; i < count; ++i)
+        size_t bytes = 0;
+        for (unsigned i = 0; i < count; ++i) {
+            bytes += frames[i].length();  // as read: handleTapRead may cut it
             handleTapRead(context, *tap, vlan, frames[i], offloads[i], *batch);
+        }
         // The datagrams go out before the read slots are read into again.
         batch->sends.flush();
-        pacing.handled(count, tap->batchSize());
+        pacing.handled(count, tap->batchSize(), bytes);
     }
 }
 

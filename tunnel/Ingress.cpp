@@ -206,16 +206,18 @@ void runGreIngress(Logger* logger, vif::IP* endpoint) {
             // from the network never ends this thread.
             continue;
         }
+        size_t bytes = 0;
         for (unsigned i = 0; i < count; ++i) {
             const vif::IP::Received& r = received[i];
             // A datagram too short for its own outer header is dropped unseen.
             if (!r.valid) continue;
+            bytes += r.datagram.length();
             const GreSource source{endpoint, r.family, r.ipv4, r.ipv6};
             ingestGreDatagram(context, source, r.datagram, batch);
         }
         // The writes and sends go out before the slots are received into again.
         batch.flush();
-        pacing.handled(count, endpoint->batchSize());
+        pacing.handled(count, endpoint->batchSize(), bytes);
     }
 }
 
