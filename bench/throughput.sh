@@ -134,12 +134,19 @@ topology() {  # topology PATH MTU: fresh namespaces wired for PATH
     sleep 0.3
 }
 
+# The daemons' process names as the kernel keeps them (15 characters).
+daemon_comm=$(basename "$VXBRD" | cut -c1-15)
+before_comm=$(basename "${BEFORE:-$VXBRD}" | cut -c1-15)
+
 # Summed user+system CPU ticks of the daemons in both namespaces (0 without).
 daemon_ticks() {
     local total=0 pid ns
     for ns in "$hub" "$ap"; do
         for pid in $(ip netns pids "$ns"); do
-            [ "$(cat /proc/"$pid"/comm 2>/dev/null)" = vxbrd ] || continue
+            case "$(cat /proc/"$pid"/comm 2>/dev/null)" in
+            "$daemon_comm" | "$before_comm") ;;
+            *) continue ;;
+            esac
             read -r -a f <"/proc/$pid/stat"
             total=$((total + f[13] + f[14]))
         done
