@@ -264,10 +264,11 @@ class Bench:
     # ------------------------------------------------ the runs
 
     def start_sink(self) -> None:
-        """Holds a GRE socket open in the access point's namespace, so the
-        datagrams a subject sends end in a socket queue there; without one
-        the kernel answers each with the route lookup of an ICMP protocol
-        unreachable, in the subject's own context."""
+        """Holds a GRE socket open in the access point's namespace whose
+        filter drops every datagram, so the kernel counts each one delivered;
+        without it (or with its queue full) the kernel answers each with the
+        route lookup of an ICMP protocol unreachable, in the subject's own
+        context."""
         self.sink = self.spaces.start(
             ["ip", "netns", "exec", self.ap, self.traffic, "sink",
              str(self.o.subject_lifetime * 10)], self.scratch / "sink.log")
