@@ -13,21 +13,32 @@ namespace {
 
 constexpr uint8_t kAck = 0x10;
 constexpr uint8_t kPsh = 0x08;
+constexpr uint8_t kFin = 0x01;
+constexpr uint8_t kEce = 0x40;
+constexpr uint16_t kTcpChecksumOffset = 16;
 constexpr uint16_t kNetwork = EthernetPDU::kHeaderLength;
 constexpr uint16_t kIPv4Header = 20;
 constexpr uint16_t kDontFragment = 0x4000;
 
 uint16_t tcpHeaderLength(const uint8_t* tcp) { return static_cast<uint16_t>((tcp[12] >> 4) * 4); }
 
-bool checksumRight(const uint8_t* ip, bool ipv6, const uint8_t* tcp, uint16_t tcp_length) {
-    const uint64_t pseudo = ipv6 ? pseudoHeaderSumIPv6(ip + 8, ip + 24, kProtocolTcp, tcp_length)
-                                 : pseudoHeaderSumIPv4(ip + 12, ip + 16, kProtocolTcp, tcp_length);
-    return foldSum(sumBytes(tcp, tcp_length, pseudo)) == 0xffff;
+// The pseudo-header sum of a parsed segment, over its TCP length.
+uint64_t pseudoSum(const TcpSegment& segment) {
+    const uint8_t* const ip = segment.frame.data() + kNetwork;
+    const auto tcp_length = static_cast<uint16_t>(segment.frame.length() - segment.transport);
+    return segment.ipv6 ? pseudoHeaderSumIPv6(ip + 8, ip + 24, kProtocolTcp, tcp_length)
+                        : pseudoHeaderSumIPv4(ip + 12, ip + 16, kProtocolTcp, tcp_length);
 }
 
-}  // namespace
+bool checksumRight(const TcpSegment& segment, uint64_t pseudo) {
+    const auto tcp_length = static_cast<uint16_t>(segment.frame.length() - segment.transport);
+    return foldSum(sumBytes(segment.frame.data() + segment.transport, tcp_length, pseudo)) ==
+           0xffff;
+}
 
-bool readTcpSegment(PDU frame, TcpSegment& out) {
+// What readTcpSegment and readHostMergedSegment both ask of a frame, with
+// out filled; the flags and the checksum are left to them.
+bool parseTcpSegment(PDU frame, TcpSegment& out) {
     const uint16_t length = frame.length();
     if (length < kNetwork + IPv6PDU::kHeaderLength) return false;
     const uint8_t* const start = frame.data();
@@ -54,17 +65,40 @@ bool readTcpSegment(PDU frame, TcpSegment& out) {
     const uint8_t* const tcp = start + transport;
     const uint16_t tcp_header = tcpHeaderLength(tcp);
     if (tcp_header < 20 || transport + tcp_header >= length) return false;
-    const uint8_t flags = tcp[13];
-    if ((flags & ~kPsh) != kAck) return false;
-    const auto tcp_length = static_cast<uint16_t>(length - transport);
-    if (!checksumRight(ip, out.ipv6, tcp, tcp_length)) return false;
     out.frame = frame;
     out.transport = transport;
     out.payload = static_cast<uint16_t>(transport + tcp_header);
     out.payload_length = static_cast<uint16_t>(length - out.payload);
     out.sequence = load32(tcp + 4);
-    out.flags = flags;
+    out.flags = tcp[13];
     return true;
+}
+
+}  // namespace
+
+bool readTcpSegment(PDU frame, TcpSegment& out) {
+    return parseTcpSegment(frame, out) && (out.flags & ~kPsh) == kAck &&
+           checksumRight(out, pseudoSum(out));
+}
+
+bool readHostMergedSegment(PDU frame, TcpSegment& out) {
+    if (!parseTcpSegment(frame, out) || (out.flags & ~(kPsh | kFin | kEce)) != kAck) return false;
+    const uint64_t pseudo = pseudoSum(out);
+    const uint8_t* const field = frame.data() + out.transport + kTcpChecksumOffset;
+    return load16(field) == foldSum(pseudo) && !checksumRight(out, pseudo);
+}
+
+Offload hostMergedOffload(const TcpSegment& merged, uint16_t segment_size) {
+    Offload offload;
+    offload.partial_checksum = true;
+    offload.header_length = merged.payload;
+    offload.checksum_start = merged.transport;
+    offload.checksum_offset = kTcpChecksumOffset;
+    if (segment_size != 0 && merged.payload_length > segment_size) {
+        offload.segmentation = merged.ipv6 ? Offload::kTcpIPv6 : Offload::kTcpIPv4;
+        offload.segment_size = segment_size;
+    }
+    return offload;
 }
 
 void TcpRun::start(const TcpSegment& segment) {

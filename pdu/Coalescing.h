@@ -36,6 +36,21 @@ struct TcpSegment {
 // True, with out filled, for a segment of the kind that may be merged.
 bool readTcpSegment(PDU frame, TcpSegment& out);
 
+// True, with out filled as readTcpSegment fills it, for a frame the host's
+// own receive offload merged before the daemon saw it: the interface a GRE
+// tunnel arrives on may merge consecutive datagrams of one inner TCP flow
+// and hand the raw socket one datagram for them all, its inner checksum
+// field holding only the pseudo-header sum over the merged length (as
+// TcpRun::finish leaves it) and its flags those merging keeps: ACK, and
+// PSH, FIN or ECE. A frame whose checksum is right is never one.
+bool readHostMergedSegment(PDU frame, TcpSegment& out);
+
+// What a tap with offloads must be told of such a frame: its checksum is to
+// be completed and, when its payload is longer than segment_size (0: never
+// cut), the host cuts it at segment_size wherever it must. The sizes the
+// wire had are gone with the merge.
+Offload hostMergedOffload(const TcpSegment& merged, uint16_t segment_size);
+
 // A run of merged segments. The first segment's frame is edited by finish()
 // only; the later ones are never touched.
 class TcpRun {

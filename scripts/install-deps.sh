@@ -26,11 +26,11 @@ demo_packages=(g++ cmake ninja-build iproute2 util-linux procps iputils-ping pyt
 # and scapy, tshark (fragment reassembly checks), binutils (readelf for the
 # FreeBSD binary), mandoc, man-db, manpages-dev (the C library's pages that
 # ours cite) and systemd (manual page and unit checks),
-# prometheus (promtool), python3-venv for the ziglang environment, and
-# iperf3 for the benchmarks.
+# prometheus (promtool), python3-venv for the ziglang environment,
+# ethtool (receive offload on a veth) and iperf3 for the benchmarks.
 test_packages=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev llvm clang-format
                python3-pytest python3-scapy python3-venv tshark binutils mandoc man-db
-               manpages-dev systemd prometheus iperf3)
+               manpages-dev systemd prometheus ethtool iperf3)
 
 case "$profile" in
     demo) packages=("${demo_packages[@]}") ;;

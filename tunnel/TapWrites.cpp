@@ -3,6 +3,9 @@
 #include <cstring>
 #include <span>
 
+#include "pdu/Ethernet.h"
+#include "pdu/Segmentation.h"
+
 namespace lumora {
 
 void TapWrites::add(Endpoint* tap, pdu::PDU frame) {
@@ -24,6 +27,10 @@ void TapWrites::closeRun() {
 void TapWrites::queue(Endpoint* tap, pdu::PDU frame) {
     pdu::TcpSegment segment;
     if (!tap->offloads() || !pdu::readTcpSegment(frame, segment)) {
+        if (pdu::readHostMergedSegment(frame, segment)) {
+            queueHostMerged(tap, segment);
+            return;
+        }
         add(tap, frame);
         return;
     }
@@ -38,6 +45,34 @@ void TapWrites::queue(Endpoint* tap, pdu::PDU frame) {
     add(tap, frame);
     run.start(segment);
     run_open = true;
+}
+
+// The host cuts (or this does, for a tap without offloads) at the largest
+// segment the tap's MTU carries behind these headers: the sizes the wire
+// had are not known, and a segment no larger than the MTU can go on from
+// the tap wherever the host sends it.
+void TapWrites::queueHostMerged(Endpoint* tap, const pdu::TcpSegment& merged) {
+    const long headers = merged.payload - pdu::EthernetPDU::kHeaderLength;
+    const long room = tap->mtu() - headers;
+    const auto segment_size = static_cast<uint16_t>(room > 0 && room <= 0xffff ? room : 0);
+    const pdu::Offload offload = pdu::hostMergedOffload(merged, segment_size);
+    if (tap->offloads()) {
+        add(tap, merged.frame);
+        frames[count - 1].offload = offload;
+        return;
+    }
+    // A tap without offloads takes finished frames only, so the frame is
+    // finished here, behind everything queued before it. Its segments are
+    // written one by one as they are built: building one writes its headers
+    // over the end of the one before.
+    flush();
+    if (!offload.segmented()) {
+        pdu::completePartialChecksum(merged.frame, offload);
+        tap->write(merged.frame);
+        return;
+    }
+    pdu::Segmenter segments(merged.frame, offload);
+    for (unsigned i = 0; i < segments.count(); ++i) tap->write(segments.build(i));
 }
 
 void TapWrites::queueRewritten(Endpoint* tap, pdu::PDU frame, const uint8_t* original) {

@@ -11,6 +11,12 @@
 // segments are written from where they lie, payload only. Nothing is
 // copied, and every datagram has had its own decisions, counters and log
 // lines before it got here.
+//
+// A datagram the receiving interface already merged from several (the
+// host's receive offload hands a raw socket one datagram for a run of one
+// flow's TCP segments, its checksum left partial) is written with its
+// checksum and cutting left to the host, or cut and finished here for a
+// tap without offloads; written as it came, the host would drop it.
 #pragma once
 
 #include <cstdint>
@@ -44,6 +50,12 @@ class TapWrites {
 
     // Starts a frame of one piece; full queues are flushed first.
     void add(Endpoint* tap, pdu::PDU frame);
+    // A TCP frame the receiving interface merged from several datagrams
+    // (pdu::readHostMergedSegment): for a tap with offloads it is queued
+    // with its checksum and cutting left to the host; for one without,
+    // what is queued is written first and the frame then goes out cut and
+    // finished, at once.
+    void queueHostMerged(Endpoint* tap, const pdu::TcpSegment& merged);
     // Ends the run the last frame is, rewriting its headers if it merged.
     void closeRun();
 

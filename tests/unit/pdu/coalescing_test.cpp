@@ -8,6 +8,7 @@
 
 #include <iterator>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "frames_support.h"
@@ -242,6 +243,90 @@ TEST(Coalescing, PaddedOrPayloadlessSegmentsAreNotRead) {
     EXPECT_TRUE(readTcpSegment(whole.pdu(), out));
     EXPECT_EQ(out.payload, 66);
     EXPECT_EQ(out.payload_length, 1448);
+}
+
+// A datagram the receiving interface merged reaches the daemon as the
+// kernel's own merged frame: its checksum field holds the pseudo-header sum.
+struct MergedCase {
+    const char* merged;
+    const char* header;
+};
+
+const MergedCase kMergedCases[] = {
+    {kernel::kMergeIPv4Merged, kernel::kMergeIPv4Header},
+    {kernel::kMergeIPv4ShortLastMerged, kernel::kMergeIPv4ShortLastHeader},
+    {kernel::kMergeIPv6Merged, kernel::kMergeIPv6Header},
+};
+
+uint16_t kernelSegmentSize(const char* header_hex) {
+    const Bytes h = hexBytes(header_hex);
+    return static_cast<uint16_t>(h[4] | h[5] << 8);
+}
+
+TEST(HostMerged, TheKernelsMergedFramesAreTakenForWhatTheyAre) {
+    for (const MergedCase& c : kMergedCases) {
+        Frame frame(hexBytes(c.merged));
+        TcpSegment out;
+        EXPECT_TRUE(readHostMergedSegment(frame.pdu(), out)) << c.header;
+        EXPECT_FALSE(readTcpSegment(frame.pdu(), out)) << c.header;
+    }
+}
+
+TEST(HostMerged, AtTheKernelsSegmentSizeTheTapIsToldWhatTheKernelSaid) {
+    for (const MergedCase& c : kMergedCases) {
+        Frame frame(hexBytes(c.merged));
+        TcpSegment out;
+        ASSERT_TRUE(readHostMergedSegment(frame.pdu(), out));
+        const Offload o = hostMergedOffload(out, kernelSegmentSize(c.header));
+        expectKernelHeader(o, c.header);
+        EXPECT_EQ(o.header_length, out.payload);
+    }
+}
+
+TEST(HostMerged, APayloadWithinOneSegmentOnlyHasItsChecksumLeftToTheHost) {
+    Frame frame(hexBytes(kernel::kMergeIPv4Merged));
+    TcpSegment out;
+    ASSERT_TRUE(readHostMergedSegment(frame.pdu(), out));
+    for (const uint16_t size : {out.payload_length, uint16_t{0}}) {
+        const Offload o = hostMergedOffload(out, size);
+        EXPECT_EQ(o.segmentation, Offload::kWhole);
+        EXPECT_TRUE(o.partial_checksum);
+        EXPECT_EQ(o.checksum_start, 34);
+        EXPECT_EQ(o.checksum_offset, 16);
+    }
+    EXPECT_TRUE(hostMergedOffload(out, static_cast<uint16_t>(out.payload_length - 1)).segmented());
+}
+
+TEST(HostMerged, SegmentsAsTheWireCarriesThemAreNeverTakenForMerged) {
+    for (const Bytes& b : KERNEL_SEGMENTS(MergeIPv4)) {
+        Frame frame(b);
+        TcpSegment out;
+        EXPECT_FALSE(readHostMergedSegment(frame.pdu(), out));
+    }
+}
+
+TEST(HostMerged, AnyOtherChecksumFieldIsADamagedFrameLeftToTheHost) {
+    Bytes bytes = hexBytes(kernel::kMergeIPv4Merged);
+    bytes[34 + 17] ^= 0x01;
+    Frame frame(bytes);
+    TcpSegment out;
+    EXPECT_FALSE(readHostMergedSegment(frame.pdu(), out));
+}
+
+// The pseudo-header sum does not cover the flags, so the field stays as
+// merging left it whatever they are.
+TEST(HostMerged, FinAndEceAreFlagsMergingKeepsSynAndRstAreNot) {
+    const std::pair<uint8_t, bool> cases[] = {
+        {0x10, true},  {0x18, true},  {0x11, true},  {0x50, true},
+        {0x12, false}, {0x14, false}, {0x30, false}, {0x08, false},
+    };
+    for (const auto& [flags, taken] : cases) {
+        Bytes bytes = hexBytes(kernel::kMergeIPv4Merged);
+        bytes[34 + 13] = flags;
+        Frame frame(bytes);
+        TcpSegment out;
+        EXPECT_EQ(readHostMergedSegment(frame.pdu(), out), taken) << int{flags};
+    }
 }
 
 }  // namespace

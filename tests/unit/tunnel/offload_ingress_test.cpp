@@ -4,6 +4,7 @@
 // as they came. Each datagram is still learned and counted on its own.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
 #include <iterator>
 #include <vector>
@@ -136,6 +137,110 @@ TEST(OffloadIngress, EveryDatagramIsLearnedAndCountedThenTheRunIsMerged) {
     const Traffic t = rig.tables.findClient(hexBytes("00 00 5e 00 53 01").data(), 0)->readTraffic();
     EXPECT_EQ(t.packetsIn, 4u);
     EXPECT_EQ(t.bytesIn, 4u * 1514);
+}
+
+// A datagram the receiving interface merged from several arrives as the
+// kernel's own merged frame, its checksum left partial.
+struct MergedCase {
+    const char* merged;
+    const char* const* segments;
+    size_t segment_count;
+    pdu::Offload::Segmentation segmentation;
+    uint16_t segment_size;
+};
+
+const MergedCase kMergedCases[] = {
+    {kernel::kMergeIPv4Merged, kernel::kMergeIPv4Segments, std::size(kernel::kMergeIPv4Segments),
+     pdu::Offload::kTcpIPv4, kernel::kMergeIPv4SegmentSize},
+    {kernel::kMergeIPv4ShortLastMerged, kernel::kMergeIPv4ShortLastSegments,
+     std::size(kernel::kMergeIPv4ShortLastSegments), pdu::Offload::kTcpIPv4,
+     kernel::kMergeIPv4ShortLastSegmentSize},
+    {kernel::kMergeIPv6Merged, kernel::kMergeIPv6Segments, std::size(kernel::kMergeIPv6Segments),
+     pdu::Offload::kTcpIPv6, kernel::kMergeIPv6SegmentSize},
+};
+
+// The kernel's segments carry 32 bytes of TCP header (timestamps): at an
+// MTU of 1500 the largest segment the tap carries is the size they had.
+TEST(OffloadIngress, AFrameTheInterfaceMergedIsLeftToTheHostToFinishAndCut) {
+    for (const MergedCase& c : kMergedCases) {
+        OffloadTap tap("tap0");
+        Received received({hexBytes(c.merged)});
+        TapWrites writes;
+        writes.queue(&tap, received.frames[0]);
+        writes.flush();
+        ASSERT_EQ(tap.written_frames.size(), 1u);
+        EXPECT_EQ(tap.written_frames[0], hexBytes(c.merged));
+        const pdu::Offload& o = tap.told[0];
+        EXPECT_EQ(o.segmentation, c.segmentation);
+        EXPECT_TRUE(o.partial_checksum);
+        EXPECT_EQ(o.segment_size, c.segment_size);
+        EXPECT_EQ(o.header_length, c.segmentation == pdu::Offload::kTcpIPv6 ? 86 : 66);
+        EXPECT_EQ(o.checksum_start, c.segmentation == pdu::Offload::kTcpIPv6 ? 54 : 34);
+        EXPECT_EQ(o.checksum_offset, 16);
+    }
+}
+
+TEST(OffloadIngress, TheSegmentSizeFollowsTheTapsMtu) {
+    OffloadTap tap("tap0");
+    tap.setMtu(1280);
+    Received received({hexBytes(kernel::kMergeIPv4Merged)});
+    TapWrites writes;
+    writes.queue(&tap, received.frames[0]);
+    writes.flush();
+    ASSERT_EQ(tap.told.size(), 1u);
+    EXPECT_EQ(tap.told[0].segment_size, 1280 - 20 - 32);
+}
+
+TEST(OffloadIngress, NoSegmentJoinsAMergedFrame) {
+    OffloadTap tap("tap0");
+    const std::vector<Bytes> later = segmentsOf(kernel::kMergeIPv6Segments, 2);
+    Received received({hexBytes(kernel::kMergeIPv6Merged), later[0], later[1]});
+    TapWrites writes;
+    for (const pdu::PDU& f : received.frames) writes.queue(&tap, f);
+    writes.flush();
+    ASSERT_EQ(tap.written_frames.size(), 2u);
+    EXPECT_EQ(tap.written_frames[0], hexBytes(kernel::kMergeIPv6Merged));
+}
+
+// A tap without offloads gets the segments back as the wire carried them:
+// the kernel's merged frames were made from segments of the tap's largest
+// size, with IDs one up each and PSH on the last only.
+TEST(OffloadIngress, ATapWithoutOffloadsGetsAMergedFrameCutIntoTheSegmentsItWasMadeOf) {
+    for (const MergedCase& c : kMergedCases) {
+        RecordingTap tap("tap0");
+        const Bytes before = hexBytes(kernel::kMergeIPv6Segments[0]);
+        Received received({before, hexBytes(c.merged)});
+        TapWrites writes;
+        for (const pdu::PDU& f : received.frames) writes.queue(&tap, f);
+        writes.flush();
+        std::vector<Bytes> expected = {before};
+        for (const Bytes& s : segmentsOf(c.segments, c.segment_count)) expected.push_back(s);
+        EXPECT_EQ(tap.written(), expected);
+    }
+}
+
+TEST(OffloadIngress, AMergedFrameWithinOneSegmentGetsItsChecksumFinishedForAPlainTap) {
+    RecordingTap tap("tap0");
+    tap.setMtu(1500 + 4 * 1448);
+    Received received({hexBytes(kernel::kMergeIPv4Merged)});
+    TapWrites writes;
+    writes.queue(&tap, received.frames[0]);
+    writes.flush();
+    ASSERT_EQ(tap.count(), 1u);
+    const Bytes written = tap.frame(0);
+    Bytes merged = hexBytes(kernel::kMergeIPv4Merged);
+    ASSERT_EQ(written.size(), merged.size());
+    // Only the checksum changed, and it is now right.
+    EXPECT_TRUE(std::equal(written.begin(), written.begin() + 50, merged.begin()));
+    EXPECT_TRUE(std::equal(written.begin() + 52, written.end(), merged.begin() + 52));
+    uint32_t sum = 6 + static_cast<uint32_t>(written.size() - 34);
+    for (size_t i = 26; i < 34; i += 2)
+        sum += static_cast<uint32_t>(written[i] << 8 | written[i + 1]);
+    for (size_t i = 34; i < written.size(); i += 2)
+        sum +=
+            static_cast<uint32_t>(written[i] << 8 | (i + 1 < written.size() ? written[i + 1] : 0));
+    while (sum > 0xffff) sum = (sum & 0xffff) + (sum >> 16);
+    EXPECT_EQ(sum, 0xffffu);
 }
 
 }  // namespace
