@@ -22,7 +22,11 @@
 # Knobs (environment): RUNS (5), SECONDS_PER_RUN (5), PATHS, MTUS, STREAMS,
 # DIRECTIONS (up = access point -> hub, down = hub -> access point),
 # VXBRD (default build/vxbrd), BEFORE (another vxbrd binary: adds the path
-# "before").
+# "before"), UNDERLAY ("veth", the default: the pair as it comes, which
+# passes super-frames whole and merges nothing; "nic": the pair made to
+# behave as network cards do, sending segments (TSO and GSO off) and merging
+# what it receives (GRO on, polled in a thread of its own), for every path
+# alike).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ "$(id -u)" -eq 0 ] || { echo "bench/throughput.sh: run as root" >&2; exit 1; }
@@ -34,6 +38,12 @@ MTUS=${MTUS:-"1400 1500"}
 STREAMS=${STREAMS:-"1 4"}
 DIRECTIONS=${DIRECTIONS:-"up down"}
 VXBRD=${VXBRD:-$PWD/build/vxbrd}
+UNDERLAY=${UNDERLAY:-veth}
+case $UNDERLAY in
+veth) ;;
+nic) command -v ethtool >/dev/null || { echo "UNDERLAY=nic needs ethtool" >&2; exit 1; } ;;
+*) echo "UNDERLAY is veth or nic" >&2; exit 1 ;;
+esac
 [ -x "$VXBRD" ] || { echo "no $VXBRD: build first" >&2; exit 1; }
 case " $PATHS " in
 *" before "*) [ -x "$BEFORE" ] || { echo "path before: BEFORE must name a vxbrd binary" >&2; exit 1; } ;;
@@ -77,6 +87,12 @@ topology() {  # topology PATH MTU: fresh namespaces wired for PATH
     ip -n "$ap" addr add 192.0.2.2/24 dev ap0
     ip -n "$hub" link set hub0 up
     ip -n "$ap" link set ap0 up
+    if [ "$UNDERLAY" = nic ]; then
+        ip netns exec "$hub" ethtool -K hub0 tso off gso off gro on >/dev/null
+        ip netns exec "$ap" ethtool -K ap0 tso off gso off gro on >/dev/null
+        ip netns exec "$hub" sh -c 'echo 1 > /sys/class/net/hub0/threaded'
+        ip netns exec "$ap" sh -c 'echo 1 > /sys/class/net/ap0/threaded'
+    fi
     case $path in
     bare)
         ip -n "$hub" link set hub0 mtu "$mtu"
@@ -184,14 +200,14 @@ except Exception:
     done
 done
 
-python3 - "$results" "$hz" "$kernel_tunnel" "$RUNS" "$SECONDS_PER_RUN" <<'PY'
+python3 - "$results" "$hz" "$kernel_tunnel" "$RUNS" "$SECONDS_PER_RUN" "$UNDERLAY" <<'PY'
 import statistics, sys
 rows = [l.split() for l in open(sys.argv[1])]
 hz = int(sys.argv[2])
 points = {}
 for mtu, path, streams, direction, run, bps, nbytes, ticks in rows:
     points.setdefault((mtu, streams, direction, path), []).append((float(bps), int(nbytes), int(ticks)))
-print(f"kernel tunnel: {sys.argv[3]} + bridge; {sys.argv[4]} runs of {sys.argv[5]} s per point")
+print(f"kernel tunnel: {sys.argv[3]} + bridge; {sys.argv[4]} runs of {sys.argv[5]} s per point; underlay: {sys.argv[6]}")
 print()
 print("| inner MTU | streams | direction | path | Gbit/s median | spread (min-max) | daemon CPU s/GB | vs kernel tunnel |")
 print("|---|---|---|---|---|---|---|---|")
