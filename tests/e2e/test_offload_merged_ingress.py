@@ -15,7 +15,6 @@ CPU, the sender at a real-time priority, so that the whole burst waits for
 one poll.
 """
 
-import hashlib
 import os
 import random
 import socket
@@ -25,7 +24,7 @@ import sys
 import pytest
 
 import netns
-from test_offload_tunnel import RECEIVER, SENDER, SIZE, build
+from test_offload_tunnel import SIZE, build, listen, send_intact
 from tunnel_lab import in_namespace
 
 GRE = 47
@@ -139,16 +138,7 @@ def test_merged_datagrams_reach_the_host_whole_and_right(vxbrd_binary, write_con
 
         # A transfer, merged as its timing lets the interface merge it.
         errors = tcp_counter(ap, "InCsumErrors")
-        data = random.Random(17).randbytes(SIZE)
-        receiver = ap.popen([sys.executable, "-c", RECEIVER], stdout=subprocess.PIPE)
-        assert receiver.stdout.readline() == b"listening\n"
-        sender = hub.popen([sys.executable, "-c", SENDER], stdin=subprocess.PIPE)
-        sender.stdin.write(data)
-        sender.stdin.close()
-        assert sender.wait(timeout=60) == 0
-        line = receiver.stdout.readline().decode().split()
-        assert receiver.wait(timeout=30) == 0
-        assert line == [str(SIZE), hashlib.sha256(data).hexdigest()]
+        send_intact(hub, listen(ap), random.Random(17).randbytes(SIZE))
         assert tcp_counter(ap, "InCsumErrors") == errors
         watcher.close()
         for daemon in (hub_daemon, ap_daemon):

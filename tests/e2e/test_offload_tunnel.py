@@ -137,6 +137,24 @@ def packets_out(daemon) -> int:
                if "packets out: " in l)
 
 
+def listen(ap) -> subprocess.Popen:
+    """The access point's receiver, once it listens."""
+    receiver = ap.popen([sys.executable, "-c", RECEIVER], stdout=subprocess.PIPE)
+    assert receiver.stdout.readline() == b"listening\n"
+    return receiver
+
+
+def send_intact(hub, receiver: subprocess.Popen, data: bytes) -> None:
+    """Sends data from the hub; the receiver must have got exactly it."""
+    sender = hub.popen([sys.executable, "-c", SENDER], stdin=subprocess.PIPE)
+    sender.stdin.write(data)
+    sender.stdin.close()
+    assert sender.wait(timeout=60) == 0
+    line = receiver.stdout.readline().decode().split()
+    assert receiver.wait(timeout=30) == 0
+    assert line == [str(len(data)), hashlib.sha256(data).hexdigest()]
+
+
 def transfer(vxbrd_binary, write_config, extra):
     """Datagrams the hub sent, the packets out its clients report, and the
     access point daemon's log, for one transfer in a lab of its own."""
@@ -147,18 +165,10 @@ def transfer(vxbrd_binary, write_config, extra):
 def transfer_in(lab, vxbrd_binary, write_config, extra):
     hub, ap, hub_daemon, ap_daemon = build(lab, vxbrd_binary, write_config, extra)
     ap.exec(["ping", "-c", "1", "-W", "2", "203.0.113.1"])
-    data = random.Random(16).randbytes(SIZE)
-    receiver = ap.popen([sys.executable, "-c", RECEIVER], stdout=subprocess.PIPE)
-    assert receiver.stdout.readline() == b"listening\n"
+    receiver = listen(ap)
     before = packets_out(hub_daemon)
     capture = underlay_capture(hub.name)
-    sender = hub.popen([sys.executable, "-c", SENDER], stdin=subprocess.PIPE)
-    sender.stdin.write(data)
-    sender.stdin.close()
-    assert sender.wait(timeout=60) == 0
-    line = receiver.stdout.readline().decode().split()
-    assert receiver.wait(timeout=30) == 0
-    assert line == [str(SIZE), hashlib.sha256(data).hexdigest()]
+    send_intact(hub, receiver, random.Random(16).randbytes(SIZE))
     datagrams = hub_datagrams(capture)
     capture.close()
     counted = packets_out(hub_daemon) - before
