@@ -62,15 +62,16 @@ void TapWrites::queueHostMerged(Endpoint* tap, const pdu::TcpSegment& merged) {
         return;
     }
     // A tap without offloads takes finished frames only, so the frame is
-    // finished here, behind everything queued before it. Its segments are
-    // written one by one as they are built: building one writes its headers
-    // over the end of the one before.
-    flush();
+    // finished here. One that needs no cutting is queued like any other;
+    // the segments of one that does are written one by one as they are
+    // built (building one writes its headers over the end of the one
+    // before), behind everything queued before them.
     if (!offload.segmented()) {
         pdu::completePartialChecksum(merged.frame, offload);
-        tap->write(merged.frame);
+        add(tap, merged.frame);
         return;
     }
+    flush();
     pdu::Segmenter segments(merged.frame, offload);
     for (unsigned i = 0; i < segments.count(); ++i) tap->write(segments.build(i));
 }

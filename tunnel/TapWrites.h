@@ -52,9 +52,9 @@ class TapWrites {
     void add(Endpoint* tap, pdu::PDU frame);
     // A TCP frame the receiving interface merged from several datagrams
     // (pdu::readHostMergedSegment): for a tap with offloads it is queued
-    // with its checksum and cutting left to the host; for one without,
-    // what is queued is written first and the frame then goes out cut and
-    // finished, at once.
+    // with its checksum and cutting left to the host; for one without, it
+    // is finished and queued, or, when it must be cut, what is queued is
+    // written first and its segments then go out at once.
     void queueHostMerged(Endpoint* tap, const pdu::TcpSegment& merged);
     // Ends the run the last frame is, rewriting its headers if it merged.
     void closeRun();
